@@ -1,0 +1,36 @@
+// The platform services the library uses, in one place. Nothing outside
+// core/platform.cpp knows which platform it runs on.
+#ifndef KUV_CORE_PLATFORM_H
+#define KUV_CORE_PLATFORM_H
+
+#include <cstdint>
+
+struct KuvThreadContext;
+
+// Answers a message box would give.
+enum OwnBoxAnswer { OWN_BOX_OK = 1, OWN_BOX_CANCEL = 2, OWN_BOX_YES = 6, OWN_BOX_NO = 7 };
+
+// Box types, as the report texts name them.
+enum OwnBoxType : uint32_t {
+    OWN_BOX_OKCANCEL_HAND = 0x2011,   // Parent mode: continue?
+    OWN_BOX_YESNO_HAND = 0x2014,      // Leaf mode: terminate?
+    OWN_BOX_OK_ASTERISK = 0x2040,     // the final notice before exit
+};
+
+// Shows a message with a caption and returns the user's answer. With no
+// window system the message goes to the standard error stream and the
+// answer is the one a careful user gives: terminate in Leaf mode, continue
+// in Parent mode.
+int ownPlatformMessageBox(const char* text, const char* caption, uint32_t type);
+
+// Ends the process through the runtime's orderly exit.
+[[noreturn]] void ownPlatformExit(int code);
+
+// Ends the process after showing text; used only when a thread context
+// cannot be had, the one fault that cannot be told by status.
+[[noreturn]] void ownPlatformFatalExit(const char* text);
+
+// The processor's time-stamp counter, or the nearest monotonic tick source.
+uint64_t ownPlatformCycleCounter();
+
+#endif
