@@ -47,7 +47,7 @@ KuvImage* ownMergeMasks(const KuvImage* maskA, const KuvImage* maskB, const KuvI
         *outcome = OWN_MASK_EMPTY;
         return nullptr;
     }
-    KuvImage* merged = kuvCreateImageHeader(1, 0, KUV_DEPTH_1U, "GRAY", "G", KUV_DATA_ORDER_PLANE,
+    KuvImage* merged = kuvCreateImageHeader(1, 0, KUV_DEPTH_1U, "GRAY", "G\0\0", KUV_DATA_ORDER_PLANE,
                                             masks[0]->origin, 8, width, height, nullptr, nullptr,
                                             0, nullptr);
     if (merged != nullptr) kuvAllocateImage(merged, 0, 0);

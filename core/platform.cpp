@@ -5,6 +5,7 @@
 
 #include <pthread.h>
 
+#include <cfenv>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -101,4 +102,12 @@ uint64_t ownPlatformCycleCounter() {
     clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<uint64_t>(now.tv_sec) * 1000000000u + static_cast<uint64_t>(now.tv_nsec);
 #endif
+}
+
+OwnRoundNearest::OwnRoundNearest() : saved_(std::fegetround()) {
+    if (saved_ != FE_TONEAREST) std::fesetround(FE_TONEAREST);
+}
+
+OwnRoundNearest::~OwnRoundNearest() {
+    if (saved_ != FE_TONEAREST) std::fesetround(saved_);
 }

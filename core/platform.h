@@ -33,4 +33,17 @@ int ownPlatformMessageBox(const char* text, const char* caption, uint32_t type);
 // The processor's time-stamp counter, or the nearest monotonic tick source.
 uint64_t ownPlatformCycleCounter();
 
+// Sets the floating-point rounding to nearest (ties to even) for the life of
+// the object and puts the caller's mode back after, on every path.
+class OwnRoundNearest {
+public:
+    OwnRoundNearest();
+    ~OwnRoundNearest();
+    OwnRoundNearest(const OwnRoundNearest&) = delete;
+    OwnRoundNearest& operator=(const OwnRoundNearest&) = delete;
+
+private:
+    int saved_;
+};
+
 #endif

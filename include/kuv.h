@@ -275,6 +275,31 @@ KUV_API void kuvSetFP(KuvImage* dstImage, float fillValue);
 KUV_API void kuvGetPixel(const KuvImage* image, int32_t x, int32_t y, void* pixel);
 KUV_API void kuvPutPixel(KuvImage* image, int32_t x, int32_t y, const void* pixel);
 
+/* ------------------------------------------------------------ comparison */
+
+KUV_API KuvStatus kuvLess(const KuvImage* img1, const KuvImage* img2, KuvImage* res);
+KUV_API KuvStatus kuvGreater(const KuvImage* img1, const KuvImage* img2, KuvImage* res);
+KUV_API KuvStatus kuvEqual(const KuvImage* img1, const KuvImage* img2, KuvImage* res);
+KUV_API KuvStatus kuvEqualFPEps(const KuvImage* img1, const KuvImage* img2, KuvImage* res,
+                                float eps);
+KUV_API KuvStatus kuvLessS(const KuvImage* img, int32_t s, KuvImage* res);
+KUV_API KuvStatus kuvGreaterS(const KuvImage* img, int32_t s, KuvImage* res);
+KUV_API KuvStatus kuvEqualS(const KuvImage* img, int32_t s, KuvImage* res);
+KUV_API KuvStatus kuvLessSFP(const KuvImage* img, float s, KuvImage* res);
+KUV_API KuvStatus kuvGreaterSFP(const KuvImage* img, float s, KuvImage* res);
+KUV_API KuvStatus kuvEqualSFP(const KuvImage* img, float s, KuvImage* res);
+KUV_API KuvStatus kuvEqualSFPEps(const KuvImage* img, float s, KuvImage* res, float eps);
+
+/* ------------------------------------------------------------ depths */
+
+KUV_API void kuvConvert(const KuvImage* srcImage, KuvImage* dstImage);
+KUV_API KuvStatus kuvScale(const KuvImage* srcImage, KuvImage* dstImage);
+KUV_API KuvStatus kuvScaleFP(const KuvImage* srcImage, KuvImage* dstImage, float minVal,
+                             float maxVal);
+KUV_API void kuvBitonalToGray(const KuvImage* srcImage, KuvImage* dstImage, int32_t ZeroScale,
+                              int32_t OneScale);
+KUV_API KuvStatus kuvMinMaxFP(const KuvImage* srcImage, float* min, float* max);
+
 /* ------------------------------------------------------------ test images */
 
 KUV_API KuvImage* kuvCreateImageJaehne(uint32_t depth, int32_t width, int32_t height);

@@ -1,10 +1,6 @@
 // Image records and their lifecycle: layout, the field rules of creation and
 // allocation, the header check and the order of its tests, the fills,
 // freeing by flags, cloning and the border settings.
-#include "tests/support/kuv_test.h"
-
-#include "kuv_own.h"
-
 #include <malloc.h>
 
 #include <climits>
@@ -13,11 +9,14 @@
 #include <string>
 #include <vector>
 
+#include "kuv_own.h"
+#include "tests/support/kuv_test.h"
+
 namespace {
 
 using kuvtest::ImagePtr;
-using kuvtest::ReportCapture;
 using kuvtest::oneReport;
+using kuvtest::ReportCapture;
 
 constexpr const char* allocFile = "kuvalloc";
 constexpr const char* dataIns = "Incorrect data-ins";
@@ -27,9 +26,9 @@ void tileCallBack(const KuvImage*, int32_t, int32_t, int32_t) {}
 // A created header with no pixels; freed with everything it holds.
 ImagePtr makeHeader(int32_t nChannels, uint32_t depth, int32_t dataOrder, int32_t align,
                     int32_t width, int32_t height, int32_t alphaChannel = 0) {
-    return ImagePtr(kuvCreateImageHeader(nChannels, alphaChannel, depth, "MULT", "CCCC",
-                                         dataOrder, KUV_ORIGIN_TOP_LEFT, align, width, height,
-                                         nullptr, nullptr, 0, nullptr));
+    return ImagePtr(kuvCreateImageHeader(nChannels, alphaChannel, depth, "MULT", "CCCC", dataOrder,
+                                         KUV_ORIGIN_TOP_LEFT, align, width, height, nullptr,
+                                         nullptr, 0, nullptr));
 }
 
 // ------------------------------------------------------------------ layout
@@ -80,8 +79,10 @@ TEST(ImageLayout, RowLengthAndSizeFollowTheRules) {
         // Allocation lays the image out again, whatever the fields say now.
         image->widthStep = 1;
         image->imageSize = 3;
-        if (c.depth == KUV_DEPTH_32F) kuvAllocateImageFP(image.get(), 0, 0.0f);
-        else kuvAllocateImage(image.get(), 0, 0);
+        if (c.depth == KUV_DEPTH_32F)
+            kuvAllocateImageFP(image.get(), 0, 0.0f);
+        else
+            kuvAllocateImage(image.get(), 0, 0);
         ASSERT_NE(image->imageData, nullptr);
         EXPECT_EQ(image->widthStep, c.widthStep);
         EXPECT_EQ(image->imageSize, c.imageSize);
@@ -99,7 +100,71 @@ TEST(ImageLayout, HeaderSizeIsTheRecordsSize) {
     ImagePtr image = makeHeader(1, KUV_DEPTH_8U, 0, 4, 1, 1);
     ASSERT_TRUE(image);
     EXPECT_EQ(image->headerSize, static_cast<int32_t>(sizeof(KuvImage)));
-    if (sizeof(void*) == 4) EXPECT_EQ(image->headerSize, 112);
+    if (sizeof(void*) == 4) {
+        EXPECT_EQ(image->headerSize, 112);
+    }
+}
+
+TEST(ImageLayout, TileRowLength) {
+    ReportCapture capture;
+    struct TileCase {
+        int32_t nChannels;
+        uint32_t depth;
+        int32_t dataOrder, align, tileWidth, rowBytes;
+    };
+    const TileCase cases[] = {
+        {3, KUV_DEPTH_8U, 0, 8, 16, 48},  {3, KUV_DEPTH_8U, 1, 8, 16, 16},
+        {1, KUV_DEPTH_1U, 0, 4, 24, 4},   {1, KUV_DEPTH_1U, 0, 32, 8, 32},
+        {2, KUV_DEPTH_16S, 0, 16, 8, 32}, {4, KUV_DEPTH_32F, 0, 4, 40, 640},
+        {2, KUV_DEPTH_32S, 1, 32, 8, 32},
+    };
+    for (const TileCase& c : cases) {
+        SCOPED_TRACE(::testing::Message() << kuvtest::depthName(c.depth) << " x" << c.nChannels
+                                          << " tile width " << c.tileWidth);
+        KuvTileInfo* tile = kuvCreateTileInfo(tileCallBack, 0, c.tileWidth, 8);
+        ImagePtr image(kuvCreateImageHeader(c.nChannels, 0, c.depth, "MULT", "CCCC", c.dataOrder, 0,
+                                            c.align, 50, 20, nullptr, nullptr, 0, tile));
+        ASSERT_TRUE(image);
+        EXPECT_EQ(ownTileRowBytes(image.get()), c.rowBytes);
+    }
+    // Null, failing and untiled images have none.
+    EXPECT_EQ(ownTileRowBytes(nullptr), 0);
+    KuvTileInfo* tile = kuvCreateTileInfo(tileCallBack, 0, 12, 8);
+    ImagePtr badTile(kuvCreateImageHeader(1, 0, KUV_DEPTH_8U, "GRAY", "GRAY", 0, 0, 4, 50, 20,
+                                          nullptr, nullptr, 0, tile));
+    ASSERT_TRUE(badTile);
+    EXPECT_EQ(ownTileRowBytes(badTile.get()), 0);
+    ImagePtr plain = kuvtest::makeImage(KUV_DEPTH_8U, 1, 50, 20);
+    EXPECT_EQ(ownTileRowBytes(plain.get()), 0);
+    EXPECT_EQ(capture.count(), 0u);
+}
+
+TEST(ImageLayout, SizesBeyond32BitsAreRefusedNotWrapped) {
+    // 4 x 32-bit channels of 2^28 pixels: the row alone passes 2^31 bytes.
+    ReportCapture capture;
+    const long blocks = kuvtest::outstandingBlocks();
+    EXPECT_EQ(kuvCreateImageHeader(4, 0, KUV_DEPTH_32F, "RGBA", "RGBA", 0, 0, 4, 1 << 28, 1,
+                                   nullptr, nullptr, 0, nullptr),
+              nullptr);
+    EXPECT_EQ(kuvCreateImageHeader(1, 0, KUV_DEPTH_8U, "GRAY", "GRAY", 1, 0, 4, 65536, 65536,
+                                   nullptr, nullptr, 0, nullptr),
+              nullptr);
+    ASSERT_EQ(capture.count(), 2u);
+    for (const kuvtest::Report& r : capture.reports()) {
+        EXPECT_TRUE(
+            kuvtest::isReport(r, KUV_StsBadImageSize, "kuvCreateImageHeader", dataIns, allocFile));
+    }
+    EXPECT_EQ(kuvtest::outstandingBlocks(), blocks);
+    // A header enlarged afterwards gets no pixels and no wild block.
+    ImagePtr image = makeHeader(3, KUV_DEPTH_16U, 0, 4, 4, 4);
+    ASSERT_TRUE(image);
+    image->width = INT_MAX;
+    image->height = 3;
+    capture.clear();
+    kuvAllocateImage(image.get(), 1, 7);
+    EXPECT_EQ(image->imageData, nullptr);
+    EXPECT_EQ(image->imageDataOrigin, nullptr);
+    EXPECT_EQ(kuvtest::outstandingBlocks(), blocks + 1);
 }
 
 // ------------------------------------------------------ kuvCreateImageHeader
@@ -107,12 +172,12 @@ TEST(ImageLayout, HeaderSizeIsTheRecordsSize) {
 TEST(CreateImageHeader, StoresTheArgumentsAndBorderDefaults) {
     ReportCapture capture;
     kuvSetErrStatus(-3);
-    KuvROI roi{99, -5, -5, 0, 0};   // not examined
-    KuvTileInfo tile{nullptr, 0, nullptr, 12, 0};   // not examined
+    KuvROI roi{99, -5, -5, 0, 0};                  // not examined
+    KuvTileInfo tile{nullptr, 0, nullptr, 12, 0};  // not examined
     ImagePtr mask = kuvtest::makeMask(4, 4);
     const long before = kuvtest::outstandingBlocks();
-    KuvImage* image = kuvCreateImageHeader(4, 4, KUV_DEPTH_16S, "RGBAxyz", "BGRA!", 1, 1, 16, 5,
-                                           3, &roi, mask.get(), 1234, &tile);
+    KuvImage* image = kuvCreateImageHeader(4, 4, KUV_DEPTH_16S, "RGBAxyz", "BGRA!", 1, 1, 16, 5, 3,
+                                           &roi, mask.get(), 1234, &tile);
     ASSERT_NE(image, nullptr);
     EXPECT_EQ(kuvtest::outstandingBlocks(), before + 1);
     EXPECT_EQ(reinterpret_cast<uintptr_t>(image) % 32, 0u);
@@ -158,7 +223,7 @@ struct CreateArgs {
 struct RuleCase {
     const char* what;
     std::function<void(CreateArgs&)> change;
-    KuvStatus status;   // 0: accepted
+    KuvStatus status;  // 0: accepted
 };
 
 // Masks for the mask rules; each test case points maskROI at one of them.
@@ -190,49 +255,104 @@ std::vector<RuleCase> fieldRuleCases(Masks& m) {
         {"height 0", [](CreateArgs& a) { a.height = 0; }, KUV_StsBadImageSize},
         {"width -1", [](CreateArgs& a) { a.width = -1; }, KUV_StsBadImageSize},
         {"width 0 before nChannels 0",
-         [](CreateArgs& a) { a.width = 0; a.nChannels = 0; }, KUV_StsBadImageSize},
+         [](CreateArgs& a) {
+             a.width = 0;
+             a.nChannels = 0;
+         },
+         KUV_StsBadImageSize},
         {"nChannels 0", [](CreateArgs& a) { a.nChannels = 0; }, KUV_StsBadChannels},
         {"nChannels -2 before depth 12",
-         [](CreateArgs& a) { a.nChannels = -2; a.depth = 12; }, KUV_StsBadChannels},
+         [](CreateArgs& a) {
+             a.nChannels = -2;
+             a.depth = 12;
+         },
+         KUV_StsBadChannels},
         {"nChannels 0 with 1U is rule 2",
-         [](CreateArgs& a) { a.nChannels = 0; a.depth = KUV_DEPTH_1U; }, KUV_StsBadChannels},
+         [](CreateArgs& a) {
+             a.nChannels = 0;
+             a.depth = KUV_DEPTH_1U;
+         },
+         KUV_StsBadChannels},
         {"1U with 3 channels", [](CreateArgs& a) { a.depth = KUV_DEPTH_1U; }, KUV_StsBadChannels1U},
         {"1U with 3 channels before a null colorModel",
-         [](CreateArgs& a) { a.depth = KUV_DEPTH_1U; a.colorModel = nullptr; },
+         [](CreateArgs& a) {
+             a.depth = KUV_DEPTH_1U;
+             a.colorModel = nullptr;
+         },
          KUV_StsBadChannels1U},
-        {"1U with 1 channel", [](CreateArgs& a) { a.depth = KUV_DEPTH_1U; a.nChannels = 1; }, 0},
+        {"1U with 1 channel",
+         [](CreateArgs& a) {
+             a.depth = KUV_DEPTH_1U;
+             a.nChannels = 1;
+         },
+         0},
         {"null colorModel", [](CreateArgs& a) { a.colorModel = nullptr; }, KUV_StsBadColorModel},
         {"null channelSeq", [](CreateArgs& a) { a.channelSeq = nullptr; }, KUV_StsBadColorModel},
         {"null channelSeq before depth 12",
-         [](CreateArgs& a) { a.channelSeq = nullptr; a.depth = 12; }, KUV_StsBadColorModel},
+         [](CreateArgs& a) {
+             a.channelSeq = nullptr;
+             a.depth = 12;
+         },
+         KUV_StsBadColorModel},
         {"depth 12", [](CreateArgs& a) { a.depth = 12; }, KUV_StsBadDepth},
         {"depth 0", [](CreateArgs& a) { a.depth = 0; }, KUV_StsBadDepth},
-        {"signed 1-bit depth", [](CreateArgs& a) { a.depth = KUV_DEPTH_SIGN | 1u; }, KUV_StsBadDepth},
+        {"signed 1-bit depth", [](CreateArgs& a) { a.depth = KUV_DEPTH_SIGN | 1u; },
+         KUV_StsBadDepth},
         {"unsigned 32-bit integer depth is the float", [](CreateArgs& a) { a.depth = 32; }, 0},
         {"depth 12 before alpha 2",
-         [](CreateArgs& a) { a.depth = 12; a.alphaChannel = 2; }, KUV_StsBadDepth},
+         [](CreateArgs& a) {
+             a.depth = 12;
+             a.alphaChannel = 2;
+         },
+         KUV_StsBadDepth},
         {"alpha 2 of 3", [](CreateArgs& a) { a.alphaChannel = 2; }, KUV_StsBadAlphaChannel},
         {"alpha -1", [](CreateArgs& a) { a.alphaChannel = -1; }, KUV_StsBadAlphaChannel},
         {"alpha 4 of 3", [](CreateArgs& a) { a.alphaChannel = 4; }, KUV_StsBadAlphaChannel},
-        {"alpha 3 of 4", [](CreateArgs& a) { a.nChannels = 4; a.alphaChannel = 3; },
+        {"alpha 3 of 4",
+         [](CreateArgs& a) {
+             a.nChannels = 4;
+             a.alphaChannel = 3;
+         },
          KUV_StsBadAlphaChannel},
-        {"alpha 4 of 4", [](CreateArgs& a) { a.nChannels = 4; a.alphaChannel = 4; }, 0},
+        {"alpha 4 of 4",
+         [](CreateArgs& a) {
+             a.nChannels = 4;
+             a.alphaChannel = 4;
+         },
+         0},
         {"alpha 3 of 3", [](CreateArgs& a) { a.alphaChannel = 3; }, 0},
-        {"alpha before order", [](CreateArgs& a) { a.alphaChannel = 1; a.dataOrder = 2; },
+        {"alpha before order",
+         [](CreateArgs& a) {
+             a.alphaChannel = 1;
+             a.dataOrder = 2;
+         },
          KUV_StsBadAlphaChannel},
         {"order 2", [](CreateArgs& a) { a.dataOrder = 2; }, KUV_StsBadDataOrder},
         {"order -1", [](CreateArgs& a) { a.dataOrder = -1; }, KUV_StsBadDataOrder},
-        {"order before origin", [](CreateArgs& a) { a.dataOrder = 2; a.origin = 2; },
+        {"order before origin",
+         [](CreateArgs& a) {
+             a.dataOrder = 2;
+             a.origin = 2;
+         },
          KUV_StsBadDataOrder},
         {"origin 2", [](CreateArgs& a) { a.origin = 2; }, KUV_StsBadOrigin},
         {"origin -1", [](CreateArgs& a) { a.origin = -1; }, KUV_StsBadOrigin},
-        {"origin before align", [](CreateArgs& a) { a.origin = 2; a.align = 3; }, KUV_StsBadOrigin},
+        {"origin before align",
+         [](CreateArgs& a) {
+             a.origin = 2;
+             a.align = 3;
+         },
+         KUV_StsBadOrigin},
         {"align 2", [](CreateArgs& a) { a.align = 2; }, KUV_StsBadAlign},
         {"align 0", [](CreateArgs& a) { a.align = 0; }, KUV_StsBadAlign},
         {"align 64", [](CreateArgs& a) { a.align = 64; }, KUV_StsBadAlign},
         {"align 12", [](CreateArgs& a) { a.align = 12; }, KUV_StsBadAlign},
         {"align 8", [](CreateArgs& a) { a.align = 8; }, 0},
-        {"align before mask", [&m](CreateArgs& a) { a.align = 3; a.maskROI = m.deep.get(); },
+        {"align before mask",
+         [&m](CreateArgs& a) {
+             a.align = 3;
+             a.maskROI = m.deep.get();
+         },
          KUV_StsBadAlign},
         {"good mask", [&m](CreateArgs& a) { a.maskROI = m.good.get(); }, 0},
         {"8-bit mask", [&m](CreateArgs& a) { a.maskROI = m.deep.get(); }, -117},
@@ -243,7 +363,8 @@ std::vector<RuleCase> fieldRuleCases(Masks& m) {
              a.maskROI = &m.tiled;
          },
          -117},
-        {"mask with neither pixels nor tiles", [&m](CreateArgs& a) { a.maskROI = &m.noData; }, -112},
+        {"mask with neither pixels nor tiles", [&m](CreateArgs& a) { a.maskROI = &m.noData; },
+         -112},
         {"mask with a bad align", [&m](CreateArgs& a) { a.maskROI = &m.badAlign; }, -121},
         {"mask with a bad coi", [&m](CreateArgs& a) { a.maskROI = &m.badCoiMask; }, -124},
         {"mask whose own mask is 8-bit", [&m](CreateArgs& a) { a.maskROI = &m.maskOfMask; },
@@ -320,27 +441,54 @@ std::vector<CheckCase> checkCases() {
          KUV_StsBadDataPointers},
         {"pixels and tiles", [](B& b) { b.header.tileInfo = &b.tile; }, KUV_StsBadDataPointers},
         {"data pointers before size",
-         [](B& b) { b.header.imageData = nullptr; b.header.width = 0; b.header.imageSize = 0; },
+         [](B& b) {
+             b.header.imageData = nullptr;
+             b.header.width = 0;
+             b.header.imageSize = 0;
+         },
          KUV_StsBadDataPointers},
         {"imageSize 0", [](B& b) { b.header.imageSize = 0; }, KUV_StsBadImageSize},
         {"imageSize -1", [](B& b) { b.header.imageSize = -1; }, KUV_StsBadImageSize},
         {"imageSize before widthStep",
-         [](B& b) { b.header.imageSize = 0; b.header.widthStep = 0; }, KUV_StsBadImageSize},
+         [](B& b) {
+             b.header.imageSize = 0;
+             b.header.widthStep = 0;
+         },
+         KUV_StsBadImageSize},
         {"imageSize before the field rules",
-         [](B& b) { b.header.imageSize = 0; b.header.nChannels = 0; }, KUV_StsBadImageSize},
+         [](B& b) {
+             b.header.imageSize = 0;
+             b.header.nChannels = 0;
+         },
+         KUV_StsBadImageSize},
         {"widthStep 0", [](B& b) { b.header.widthStep = 0; }, KUV_StsBadWidthStep},
         {"widthStep before width",
-         [](B& b) { b.header.widthStep = -4; b.header.width = 0; }, KUV_StsBadWidthStep},
+         [](B& b) {
+             b.header.widthStep = -4;
+             b.header.width = 0;
+         },
+         KUV_StsBadWidthStep},
         {"width 0", [](B& b) { b.header.width = 0; }, KUV_StsBadImageSize},
         {"height -1", [](B& b) { b.header.height = -1; }, KUV_StsBadImageSize},
         {"width before channels",
-         [](B& b) { b.header.width = 0; b.header.nChannels = 0; }, KUV_StsBadImageSize},
+         [](B& b) {
+             b.header.width = 0;
+             b.header.nChannels = 0;
+         },
+         KUV_StsBadImageSize},
         {"nChannels 0", [](B& b) { b.header.nChannels = 0; }, KUV_StsBadChannels},
         {"channels before depth",
-         [](B& b) { b.header.nChannels = 0; b.header.depth = 12; }, KUV_StsBadChannels},
+         [](B& b) {
+             b.header.nChannels = 0;
+             b.header.depth = 12;
+         },
+         KUV_StsBadChannels},
         {"1U with 3 channels", [](B& b) { b.header.depth = KUV_DEPTH_1U; }, KUV_StsBadChannels1U},
         {"1U channels before alpha",
-         [](B& b) { b.header.depth = KUV_DEPTH_1U; b.header.alphaChannel = 1; },
+         [](B& b) {
+             b.header.depth = KUV_DEPTH_1U;
+             b.header.alphaChannel = 1;
+         },
          KUV_StsBadChannels1U},
         {"colorModel and channelSeq not examined",
          [](B& b) {
@@ -351,17 +499,33 @@ std::vector<CheckCase> checkCases() {
         {"depth 12", [](B& b) { b.header.depth = 12; }, KUV_StsBadDepth},
         {"depth 0x80000001", [](B& b) { b.header.depth = 0x80000001u; }, KUV_StsBadDepth},
         {"depth before alpha",
-         [](B& b) { b.header.depth = 24; b.header.alphaChannel = 2; }, KUV_StsBadDepth},
+         [](B& b) {
+             b.header.depth = 24;
+             b.header.alphaChannel = 2;
+         },
+         KUV_StsBadDepth},
         {"alpha 2 of 3", [](B& b) { b.header.alphaChannel = 2; }, KUV_StsBadAlphaChannel},
         {"alpha 3 of 3", [](B& b) { b.header.alphaChannel = 3; }, 0},
         {"alpha before order",
-         [](B& b) { b.header.alphaChannel = 5; b.header.dataOrder = 7; }, KUV_StsBadAlphaChannel},
+         [](B& b) {
+             b.header.alphaChannel = 5;
+             b.header.dataOrder = 7;
+         },
+         KUV_StsBadAlphaChannel},
         {"order 2", [](B& b) { b.header.dataOrder = 2; }, KUV_StsBadDataOrder},
         {"order before origin",
-         [](B& b) { b.header.dataOrder = 2; b.header.origin = 2; }, KUV_StsBadDataOrder},
+         [](B& b) {
+             b.header.dataOrder = 2;
+             b.header.origin = 2;
+         },
+         KUV_StsBadDataOrder},
         {"origin 2", [](B& b) { b.header.origin = 2; }, KUV_StsBadOrigin},
         {"origin before align",
-         [](B& b) { b.header.origin = -1; b.header.align = 5; }, KUV_StsBadOrigin},
+         [](B& b) {
+             b.header.origin = -1;
+             b.header.align = 5;
+         },
+         KUV_StsBadOrigin},
         {"align 5", [](B& b) { b.header.align = 5; }, KUV_StsBadAlign},
         {"align before mask",
          [](B& b) {
@@ -372,7 +536,11 @@ std::vector<CheckCase> checkCases() {
          KUV_StsBadAlign},
         {"good mask", [](B& b) { b.header.maskROI = &b.maskHeader; }, 0},
         {"8-bit mask",
-         [](B& b) { b.maskHeader.depth = KUV_DEPTH_8U; b.header.maskROI = &b.maskHeader; }, -117},
+         [](B& b) {
+             b.maskHeader.depth = KUV_DEPTH_8U;
+             b.header.maskROI = &b.maskHeader;
+         },
+         -117},
         {"mask depth before mask tiles",
          [](B& b) {
              b.maskHeader.depth = KUV_DEPTH_8U;
@@ -389,19 +557,35 @@ std::vector<CheckCase> checkCases() {
          KUV_StsMaskTiled},
         {"tiled mask that would fail its own check",
          [](B& b) {
-             b.maskHeader.tileInfo = &b.maskTile;   // pixels and tiles, and a bad align
+             b.maskHeader.tileInfo = &b.maskTile;  // pixels and tiles, and a bad align
              b.maskHeader.align = 3;
              b.header.maskROI = &b.maskHeader;
          },
          KUV_StsMaskTiled},
         {"mask with neither pixels nor tiles",
-         [](B& b) { b.maskHeader.imageData = nullptr; b.header.maskROI = &b.maskHeader; }, -112},
+         [](B& b) {
+             b.maskHeader.imageData = nullptr;
+             b.header.maskROI = &b.maskHeader;
+         },
+         -112},
         {"mask with imageSize 0",
-         [](B& b) { b.maskHeader.imageSize = 0; b.header.maskROI = &b.maskHeader; }, -110},
+         [](B& b) {
+             b.maskHeader.imageSize = 0;
+             b.header.maskROI = &b.maskHeader;
+         },
+         -110},
         {"mask with widthStep 0",
-         [](B& b) { b.maskHeader.widthStep = 0; b.header.maskROI = &b.maskHeader; }, -113},
+         [](B& b) {
+             b.maskHeader.widthStep = 0;
+             b.header.maskROI = &b.maskHeader;
+         },
+         -113},
         {"mask with a bad origin",
-         [](B& b) { b.maskHeader.origin = 9; b.header.maskROI = &b.maskHeader; }, -120},
+         [](B& b) {
+             b.maskHeader.origin = 9;
+             b.header.maskROI = &b.maskHeader;
+         },
+         -120},
         {"mask with coi 2",
          [](B& b) {
              b.maskRoi.coi = 2;
@@ -442,19 +626,62 @@ std::vector<CheckCase> checkCases() {
          -117},
         {"tiled with size fields 0", [](B& b) { b.makeTiled(); }, 0},
         {"tiled with 16x24 tiles",
-         [](B& b) { b.makeTiled(); b.tile.width = 16; b.tile.height = 24; }, 0},
-        {"tiled with a null callBack", [](B& b) { b.makeTiled(); b.tile.callBack = nullptr; },
+         [](B& b) {
+             b.makeTiled();
+             b.tile.width = 16;
+             b.tile.height = 24;
+         },
+         0},
+        {"tiled with a null callBack",
+         [](B& b) {
+             b.makeTiled();
+             b.tile.callBack = nullptr;
+         },
          KUV_StsNullCallback},
         {"callBack before tile size",
-         [](B& b) { b.makeTiled(); b.tile.callBack = nullptr; b.tile.width = 12; },
+         [](B& b) {
+             b.makeTiled();
+             b.tile.callBack = nullptr;
+             b.tile.width = 12;
+         },
          KUV_StsNullCallback},
-        {"tile width 12", [](B& b) { b.makeTiled(); b.tile.width = 12; }, KUV_StsBadTileSize},
-        {"tile height 12", [](B& b) { b.makeTiled(); b.tile.height = 12; }, KUV_StsBadTileSize},
-        {"tile width 0", [](B& b) { b.makeTiled(); b.tile.width = 0; }, KUV_StsBadTileSize},
-        {"tile height -8", [](B& b) { b.makeTiled(); b.tile.height = -8; }, KUV_StsBadTileSize},
-        {"tile width 4", [](B& b) { b.makeTiled(); b.tile.width = 4; }, KUV_StsBadTileSize},
+        {"tile width 12",
+         [](B& b) {
+             b.makeTiled();
+             b.tile.width = 12;
+         },
+         KUV_StsBadTileSize},
+        {"tile height 12",
+         [](B& b) {
+             b.makeTiled();
+             b.tile.height = 12;
+         },
+         KUV_StsBadTileSize},
+        {"tile width 0",
+         [](B& b) {
+             b.makeTiled();
+             b.tile.width = 0;
+         },
+         KUV_StsBadTileSize},
+        {"tile height -8",
+         [](B& b) {
+             b.makeTiled();
+             b.tile.height = -8;
+         },
+         KUV_StsBadTileSize},
+        {"tile width 4",
+         [](B& b) {
+             b.makeTiled();
+             b.tile.width = 4;
+         },
+         KUV_StsBadTileSize},
         {"tiled: field rules before tiles",
-         [](B& b) { b.makeTiled(); b.tile.width = 12; b.header.align = 7; }, KUV_StsBadAlign},
+         [](B& b) {
+             b.makeTiled();
+             b.tile.width = 12;
+             b.header.align = 7;
+         },
+         KUV_StsBadAlign},
         {"tiles before roi",
          [](B& b) {
              b.makeTiled();
@@ -464,23 +691,68 @@ std::vector<CheckCase> checkCases() {
          },
          KUV_StsBadTileSize},
         {"tiled with a bad roi",
-         [](B& b) { b.makeTiled(); b.roi.height = 0; b.header.roi = &b.roi; }, KUV_StsBadROISize},
+         [](B& b) {
+             b.makeTiled();
+             b.roi.height = 0;
+             b.header.roi = &b.roi;
+         },
+         KUV_StsBadROISize},
         {"roi", [](B& b) { b.header.roi = &b.roi; }, 0},
-        {"coi = nChannels", [](B& b) { b.roi.coi = 3; b.header.roi = &b.roi; }, 0},
-        {"coi = nChannels + 1", [](B& b) { b.roi.coi = 4; b.header.roi = &b.roi; },
+        {"coi = nChannels",
+         [](B& b) {
+             b.roi.coi = 3;
+             b.header.roi = &b.roi;
+         },
+         0},
+        {"coi = nChannels + 1",
+         [](B& b) {
+             b.roi.coi = 4;
+             b.header.roi = &b.roi;
+         },
          KUV_StsBadCOI},
-        {"coi -1", [](B& b) { b.roi.coi = -1; b.header.roi = &b.roi; }, KUV_StsBadCOI},
+        {"coi -1",
+         [](B& b) {
+             b.roi.coi = -1;
+             b.header.roi = &b.roi;
+         },
+         KUV_StsBadCOI},
         {"coi before roi size",
-         [](B& b) { b.roi.coi = 4; b.roi.width = 0; b.header.roi = &b.roi; }, KUV_StsBadCOI},
-        {"roi width 0", [](B& b) { b.roi.width = 0; b.header.roi = &b.roi; }, KUV_StsBadROISize},
-        {"roi height -1", [](B& b) { b.roi.height = -1; b.header.roi = &b.roi; },
+         [](B& b) {
+             b.roi.coi = 4;
+             b.roi.width = 0;
+             b.header.roi = &b.roi;
+         },
+         KUV_StsBadCOI},
+        {"roi width 0",
+         [](B& b) {
+             b.roi.width = 0;
+             b.header.roi = &b.roi;
+         },
+         KUV_StsBadROISize},
+        {"roi height -1",
+         [](B& b) {
+             b.roi.height = -1;
+             b.header.roi = &b.roi;
+         },
          KUV_StsBadROISize},
         {"roi size before offset",
-         [](B& b) { b.roi.height = 0; b.roi.xOffset = -1; b.header.roi = &b.roi; },
+         [](B& b) {
+             b.roi.height = 0;
+             b.roi.xOffset = -1;
+             b.header.roi = &b.roi;
+         },
          KUV_StsBadROISize},
-        {"xOffset -1", [](B& b) { b.roi.xOffset = -1; b.header.roi = &b.roi; },
+        {"xOffset -1",
+         [](B& b) {
+             b.roi.xOffset = -1;
+             b.header.roi = &b.roi;
+         },
          KUV_StsBadROIOffset},
-        {"yOffset -1", [](B& b) { b.roi.yOffset = -1; b.header.roi = &b.roi; },
+        {"yOffset -1",
+         [](B& b) {
+             b.roi.yOffset = -1;
+             b.header.roi = &b.roi;
+         },
          KUV_StsBadROIOffset},
         {"offsets beyond the image",
          [](B& b) {
@@ -544,14 +816,14 @@ TEST(AllocateImage, ArgumentTestsInOrderWithTheirTexts) {
     {
         ReportCapture capture;
         kuvAllocateImage(nullptr, 1, 0);
-        EXPECT_TRUE(oneReport(capture, KUV_StsBadArgument, func, "( image == ((void *)0) )",
-                              allocFile));
+        EXPECT_TRUE(
+            oneReport(capture, KUV_StsBadArgument, func, "( image == ((void *)0) )", allocFile));
     }
     {
         ReportCapture capture;
         kuvAllocateImageFP(nullptr, 1, 0.0f);
-        EXPECT_TRUE(oneReport(capture, KUV_StsBadArgument, funcFP, "( image == ((void *)0) )",
-                              allocFile));
+        EXPECT_TRUE(
+            oneReport(capture, KUV_StsBadArgument, funcFP, "( image == ((void *)0) )", allocFile));
     }
     // imageData before tileInfo before depth.
     for (KuvImage* image : {bytes.get(), floats.get()}) {
@@ -561,8 +833,10 @@ TEST(AllocateImage, ArgumentTestsInOrderWithTheirTexts) {
         h.tileInfo = &tile;
         h.depth = fp ? KUV_DEPTH_8U : KUV_DEPTH_32F;
         ReportCapture capture;
-        if (fp) kuvAllocateImageFP(&h, 1, 0.0f);
-        else kuvAllocateImage(&h, 1, 0);
+        if (fp)
+            kuvAllocateImageFP(&h, 1, 0.0f);
+        else
+            kuvAllocateImage(&h, 1, 0);
         EXPECT_TRUE(oneReport(capture, KUV_StsBadArgument, fp ? funcFP : func,
                               "( image->imageData != ((void *)0) )", allocFile));
         EXPECT_EQ(h.imageData, buffer);
@@ -570,18 +844,21 @@ TEST(AllocateImage, ArgumentTestsInOrderWithTheirTexts) {
 
         capture.clear();
         h.imageData = nullptr;
-        if (fp) kuvAllocateImageFP(&h, 1, 0.0f);
-        else kuvAllocateImage(&h, 1, 0);
+        if (fp)
+            kuvAllocateImageFP(&h, 1, 0.0f);
+        else
+            kuvAllocateImage(&h, 1, 0);
         EXPECT_TRUE(oneReport(capture, KUV_StsBadArgument, fp ? funcFP : func,
                               "( image->tileInfo != ((void *)0) )", allocFile));
 
         capture.clear();
         h.tileInfo = nullptr;
-        if (fp) kuvAllocateImageFP(&h, 1, 0.0f);
-        else kuvAllocateImage(&h, 1, 0);
+        if (fp)
+            kuvAllocateImageFP(&h, 1, 0.0f);
+        else
+            kuvAllocateImage(&h, 1, 0);
         EXPECT_TRUE(oneReport(capture, KUV_StsBadArgument, fp ? funcFP : func,
-                              fp ? "( image->depth != 32 )" : "( image->depth == 32 )",
-                              allocFile));
+                              fp ? "( image->depth != 32 )" : "( image->depth == 32 )", allocFile));
         EXPECT_EQ(h.imageData, nullptr);
         EXPECT_EQ(h.imageDataOrigin, nullptr);
     }
@@ -597,8 +874,8 @@ TEST(AllocateImage, ArgumentTestsInOrderWithTheirTexts) {
     // A second allocation is refused and keeps the first block.
     char* first = ints->imageData;
     kuvAllocateImage(ints.get(), 0, 0);
-    EXPECT_TRUE(oneReport(capture, KUV_StsBadArgument, func,
-                          "( image->imageData != ((void *)0) )", allocFile));
+    EXPECT_TRUE(oneReport(capture, KUV_StsBadArgument, func, "( image->imageData != ((void *)0) )",
+                          allocFile));
     EXPECT_EQ(ints->imageData, first);
 }
 
@@ -613,7 +890,11 @@ TEST(AllocateImage, FieldRulesReportIncorrectDataIns) {
         {"height 0", [](KuvImage& h) { h.height = 0; }, KUV_StsBadImageSize},
         {"nChannels 0", [](KuvImage& h) { h.nChannels = 0; }, KUV_StsBadChannels},
         {"1U with 2 channels",
-         [](KuvImage& h) { h.depth = KUV_DEPTH_1U; h.nChannels = 2; }, KUV_StsBadChannels1U},
+         [](KuvImage& h) {
+             h.depth = KUV_DEPTH_1U;
+             h.nChannels = 2;
+         },
+         KUV_StsBadChannels1U},
         {"depth 7", [](KuvImage& h) { h.depth = 7; }, KUV_StsBadDepth},
         {"alpha 1 of 2", [](KuvImage& h) { h.alphaChannel = 1; }, KUV_StsBadAlphaChannel},
         {"order 5", [](KuvImage& h) { h.dataOrder = 5; }, KUV_StsBadDataOrder},
@@ -673,7 +954,7 @@ TEST(AllocateImage, FillWritesOneWordPerDepthOverPaddingAndPlanes) {
         uint32_t word;
     };
     const Fill fills[] = {
-        {KUV_DEPTH_1U, 1, 2, 0x00000000u},   // bit 0 only
+        {KUV_DEPTH_1U, 1, 2, 0x00000000u},  // bit 0 only
         {KUV_DEPTH_1U, 1, 3, 0xFFFFFFFFu},
         {KUV_DEPTH_1U, 1, 1, 0xFFFFFFFFu},
         {KUV_DEPTH_1U, 1, -1, 0xFFFFFFFFu},
@@ -692,9 +973,9 @@ TEST(AllocateImage, FillWritesOneWordPerDepthOverPaddingAndPlanes) {
     for (const Fill& f : fills) {
         for (int32_t order : {KUV_DATA_ORDER_PIXEL, KUV_DATA_ORDER_PLANE}) {
             for (int32_t align : {4, 8, 32}) {
-                SCOPED_TRACE(::testing::Message() << kuvtest::depthName(f.depth) << " x"
-                                                  << f.nChannels << " fill " << f.value
-                                                  << " order " << order << " align " << align);
+                SCOPED_TRACE(::testing::Message()
+                             << kuvtest::depthName(f.depth) << " x" << f.nChannels << " fill "
+                             << f.value << " order " << order << " align " << align);
                 ImagePtr image = makeHeader(f.nChannels, f.depth, order, align, 7, 3);
                 ASSERT_TRUE(image);
                 kuvAllocateImage(image.get(), 1, f.value);
@@ -801,8 +1082,10 @@ TEST(Deallocate, HeaderAloneLeavesEverythingElseAlive) {
     const long start = kuvtest::outstandingBlocks();
     for (int how = 0; how < 2; ++how) {
         Held h = makeHeld();
-        if (how == 0) kuvDeallocateHeader(h.image);
-        else kuvDeallocate(h.image, KUV_IMAGE_HEADER);
+        if (how == 0)
+            kuvDeallocateHeader(h.image);
+        else
+            kuvDeallocate(h.image, KUV_IMAGE_HEADER);
         EXPECT_EQ(kuvtest::outstandingBlocks(), start + 9);
         // Everything the header pointed at is still usable and is freed here.
         EXPECT_EQ(h.roi->coi, 1);
@@ -812,8 +1095,7 @@ TEST(Deallocate, HeaderAloneLeavesEverythingElseAlive) {
         kuvDeleteROI(h.roi);
         kuvDeleteTileInfo(h.tile);
         ownImageBlockFree(h.pixels);
-        kuvDeallocate(h.mask, KUV_IMAGE_ALL);
-        kuvDeallocate(h.maskOfMask, KUV_IMAGE_ALL);
+        kuvDeallocate(h.mask, KUV_IMAGE_ALL);  // with its roi, tile and own mask
         EXPECT_EQ(kuvtest::outstandingBlocks(), start);
     }
 }
@@ -859,8 +1141,7 @@ TEST(CloneImage, CopiesFieldsAndPixelsButNotMaskOrId) {
         for (int32_t order : {KUV_DATA_ORDER_PIXEL, KUV_DATA_ORDER_PLANE}) {
             const int32_t channels = depth == KUV_DEPTH_1U ? 1 : 3;
             if (depth == KUV_DEPTH_1U && order == KUV_DATA_ORDER_PLANE) continue;
-            SCOPED_TRACE(::testing::Message()
-                         << kuvtest::depthName(depth) << " order " << order);
+            SCOPED_TRACE(::testing::Message() << kuvtest::depthName(depth) << " order " << order);
             ImagePtr source = kuvtest::makeImage(depth, channels, 7, 5, order, channels, 8);
             ASSERT_TRUE(source);
             kuvtest::fillRandom(source.get(), 0xC10E + depth + order);
@@ -879,7 +1160,7 @@ TEST(CloneImage, CopiesFieldsAndPixelsButNotMaskOrId) {
             const long blocks = kuvtest::outstandingBlocks();
             ImagePtr clone(kuvCloneImage(source.get()));
             ASSERT_TRUE(clone);
-            EXPECT_EQ(kuvtest::outstandingBlocks(), blocks + 3);   // header, roi, pixels
+            EXPECT_EQ(kuvtest::outstandingBlocks(), blocks + 3);  // header, roi, pixels
             EXPECT_EQ(capture.count(), 0u);
             EXPECT_EQ(kuvGetErrStatus(), -3);
 
@@ -943,8 +1224,8 @@ TEST(CloneImage, TiledSourceGivesAnUntiledImageOfTheSameGeometry) {
     EXPECT_EQ(capture.count(), 0u);
     EXPECT_EQ(clone->tileInfo, nullptr);
     ASSERT_NE(clone->imageData, nullptr);
-    EXPECT_EQ(clone->widthStep, 32);            // 11 * 2 bytes rounded to 16
-    EXPECT_EQ(clone->imageSize, 32 * 9 * 3);    // three planes
+    EXPECT_EQ(clone->widthStep, 32);          // 11 * 2 bytes rounded to 16
+    EXPECT_EQ(clone->imageSize, 32 * 9 * 3);  // three planes
     EXPECT_EQ(clone->dataOrder, 1);
     EXPECT_EQ(clone->imageId, 0);
     ASSERT_NE(clone->roi, nullptr);
@@ -997,17 +1278,30 @@ TEST(BorderMode, ConstantIsLimitedToTheDepth) {
         int32_t low, high;
     };
     const Limits limits[] = {
-        {KUV_DEPTH_1U, 0, 1},           {KUV_DEPTH_8U, 0, 255},
-        {KUV_DEPTH_8S, -128, 127},      {KUV_DEPTH_16U, 0, 65535},
-        {KUV_DEPTH_16S, -32768, 32767}, {KUV_DEPTH_32S, INT_MIN, INT_MAX},
+        {KUV_DEPTH_1U, 0, 1},
+        {KUV_DEPTH_8U, 0, 255},
+        {KUV_DEPTH_8S, -128, 127},
+        {KUV_DEPTH_16U, 0, 65535},
+        {KUV_DEPTH_16S, -32768, 32767},
+        {KUV_DEPTH_32S, INT_MIN, INT_MAX},
         {KUV_DEPTH_32F, INT_MIN, INT_MAX},
     };
     for (const Limits& l : limits) {
         SCOPED_TRACE(kuvtest::depthName(l.depth));
         ImagePtr image = makeHeader(1, l.depth, 0, 4, 2, 2);
         ASSERT_TRUE(image);
-        const int64_t probes[] = {INT_MIN, int64_t{l.low} - 1, l.low, 0, 1, l.high,
-                                  int64_t{l.high} + 1, INT_MAX, 200, -200, 40000, -40000};
+        const int64_t probes[] = {INT_MIN,
+                                  int64_t{l.low} - 1,
+                                  l.low,
+                                  0,
+                                  1,
+                                  l.high,
+                                  int64_t{l.high} + 1,
+                                  INT_MAX,
+                                  200,
+                                  -200,
+                                  40000,
+                                  -40000};
         for (int64_t probe : probes) {
             if (probe < INT_MIN || probe > INT_MAX) continue;
             const auto value = static_cast<int32_t>(probe);

@@ -1,13 +1,13 @@
 // The kuvMalloc family: 32-byte alignment, the block start stored in the word
 // below the result, room after the requested length, and the small records
 // (ROI, tile description) built from it.
-#include "tests/support/kuv_test.h"
-
 #include <malloc.h>
 
 #include <cstddef>
 #include <cstring>
 #include <vector>
+
+#include "tests/support/kuv_test.h"
 
 namespace {
 
@@ -47,8 +47,7 @@ TEST(Memory, FamilyBlocksAreAlignedAndRecordTheirStart) {
                 // The stored word is the start of a heap block that holds the requested
                 // bytes and at least 33 more after them.
                 const int64_t requested = int64_t{length} * family.elementSize;
-                EXPECT_GE(static_cast<int64_t>(malloc_usable_size(start)),
-                          offset + requested + 33)
+                EXPECT_GE(static_cast<int64_t>(malloc_usable_size(start)), offset + requested + 33)
                     << family.name << "(" << length << ")";
                 std::memset(p, 0xA5, static_cast<size_t>(requested + 33));
             }
@@ -128,17 +127,17 @@ TEST(Memory, RecordLayoutsAreTheDocumentedOnes) {
 
     // The image header: 32-bit fields and native pointers, in this order.
     const size_t order[] = {
-        offsetof(KuvImage, headerSize),   offsetof(KuvImage, headerId),
-        offsetof(KuvImage, nChannels),    offsetof(KuvImage, alphaChannel),
-        offsetof(KuvImage, depth),        offsetof(KuvImage, colorModel),
-        offsetof(KuvImage, channelSeq),   offsetof(KuvImage, dataOrder),
-        offsetof(KuvImage, origin),       offsetof(KuvImage, align),
-        offsetof(KuvImage, width),        offsetof(KuvImage, height),
-        offsetof(KuvImage, roi),          offsetof(KuvImage, maskROI),
-        offsetof(KuvImage, imageId),      offsetof(KuvImage, tileInfo),
-        offsetof(KuvImage, imageSize),    offsetof(KuvImage, imageData),
-        offsetof(KuvImage, widthStep),    offsetof(KuvImage, borderMode),
-        offsetof(KuvImage, borderConst),  offsetof(KuvImage, imageDataOrigin),
+        offsetof(KuvImage, headerSize),  offsetof(KuvImage, headerId),
+        offsetof(KuvImage, nChannels),   offsetof(KuvImage, alphaChannel),
+        offsetof(KuvImage, depth),       offsetof(KuvImage, colorModel),
+        offsetof(KuvImage, channelSeq),  offsetof(KuvImage, dataOrder),
+        offsetof(KuvImage, origin),      offsetof(KuvImage, align),
+        offsetof(KuvImage, width),       offsetof(KuvImage, height),
+        offsetof(KuvImage, roi),         offsetof(KuvImage, maskROI),
+        offsetof(KuvImage, imageId),     offsetof(KuvImage, tileInfo),
+        offsetof(KuvImage, imageSize),   offsetof(KuvImage, imageData),
+        offsetof(KuvImage, widthStep),   offsetof(KuvImage, borderMode),
+        offsetof(KuvImage, borderConst), offsetof(KuvImage, imageDataOrigin),
     };
     for (size_t i = 1; i < sizeof order / sizeof order[0]; ++i) {
         EXPECT_LT(order[i - 1], order[i]) << "field " << i;

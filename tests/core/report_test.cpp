@@ -1,9 +1,11 @@
 // The three report handlers: what each writes to the standard error stream in
 // each mode, and which modes end the process.
-#include "tests/support/kuv_test.h"
-
+#include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <vector>
+
+#include "tests/support/kuv_test.h"
 
 namespace {
 
@@ -199,6 +201,12 @@ TEST(NulDevReport, ShowsNothingOutsideLeafMode) {
     }
 }
 
+// Marks the standard error stream when the process ends through exit(), so
+// that an abort or _exit shows.
+void markOrderlyExit() {
+    std::atexit([] { std::fputs("<orderly exit>", stderr); });
+}
+
 TEST_F(ReportDeathTest, NulDevLeafEndsTheProcessSilently) {
     EXPECT_EXIT(
         {
@@ -207,6 +215,31 @@ TEST_F(ReportDeathTest, NulDevLeafEndsTheProcessSilently) {
             kuvError(KUV_StsBadArgument, "f", "c", "file", 1);
         },
         ::testing::ExitedWithCode(1), isExactly(""));
+    // Through the runtime's orderly exit: exit handlers run.
+    EXPECT_EXIT(
+        {
+            markOrderlyExit();
+            kuvSetErrMode(KUV_ErrorModeLeaf);
+            kuvNulDevReport(KUV_StsBadArgument, "f", "c", "file", 1);
+        },
+        ::testing::ExitedWithCode(1), isExactly("<orderly exit>"));
+    EXPECT_EXIT(
+        {
+            markOrderlyExit();
+            kuvSetErrMode(KUV_ErrorModeLeaf);
+            kuvStdErrReport(KUV_StsBacktrace, "f", nullptr, nullptr, 0);
+        },
+        ::testing::ExitedWithCode(1),
+        isExactly("\tcalled from:f\nKUV Library Error\nErrMode=KUV_ErrModeLeaf\n"
+                  "terminating the application<orderly exit>"));
+    EXPECT_EXIT(
+        {
+            markOrderlyExit();
+            kuvSetErrMode(KUV_ErrorModeLeaf);
+            kuvGuiBoxReport(KUV_StsBadArgument, "f", "c", "file", 1);
+        },
+        ::testing::ExitedWithCode(1),
+        holdsMatcher({"KUV Library: terminating the application", "<orderly exit>"}));
 }
 
 // ---------------------------------------------------------------- kuvGuiBoxReport
@@ -218,8 +251,8 @@ TEST(GuiBoxReport, ParentModeShowsTheMessageAndCaptionAndReturns) {
               KUV_StsBadArgument);
     const std::string written = GetCapturedStderr();
     EXPECT_TRUE(holds(written, {"In function kuvAdd(): [file kuvadd, line 42]\n(a != b)\n\n"
-                                       "Bad argument\n(status: -5)\n\nErrMode=KUV_ErrorModeParent"
-                                       "\n\nContinue?"}));
+                                "Bad argument\n(status: -5)\n\nErrMode=KUV_ErrorModeParent"
+                                "\n\nContinue?"}));
     EXPECT_TRUE(holds(written, {"KUV 2.1"}));
     EXPECT_EQ(written.find("terminating"), std::string::npos) << written;
 }
@@ -230,14 +263,14 @@ TEST(GuiBoxReport, TraceReportsSayCalledFromAndNullsBecomeEmpty) {
     EXPECT_EQ(kuvGuiBoxReport(KUV_StsBacktrace, nullptr, nullptr, nullptr, -9), KUV_StsBacktrace);
     std::string written = GetCapturedStderr();
     EXPECT_TRUE(holds(written, {"Called from <unknown>(): [file , line 0]\n\n\nBacktrace\n"
-                                       "(status: -1)\n\nErrMode=KUV_ErrorModeParent\n\nContinue?"}));
+                                "(status: -1)\n\nErrMode=KUV_ErrorModeParent\n\nContinue?"}));
     EXPECT_EQ(written.find("In function"), std::string::npos);
 
     CaptureStderr();
     EXPECT_EQ(kuvGuiBoxReport(KUV_StsAutotrace, "f", "ctx", "file", 3), KUV_StsAutotrace);
     written = GetCapturedStderr();
     EXPECT_TRUE(holds(written, {"Called from f(): [file file, line 3]\nctx\n\n"
-                                       "Autotrace call\n(status: -8)"}));
+                                "Autotrace call\n(status: -8)"}));
 }
 
 TEST(GuiBoxReport, UnknownStatusAndMaskCodes) {
@@ -245,11 +278,12 @@ TEST(GuiBoxReport, UnknownStatusAndMaskCodes) {
     CaptureStderr();
     kuvGuiBoxReport(-116, "f", "Incorrect Image", "kuvx", 1);
     kuvGuiBoxReport(-121, "g", "Incorrect Image", "kuvx", 2);
-    EXPECT_TRUE(holds(GetCapturedStderr(), {"In function f(): [file kuvx, line 1]\nIncorrect Image\n\n"
-                              "Unknown error or status code\n(status: -116)",
-                              "In function g(): [file kuvx, line 2]\nIncorrect Image\n\n"
-                              "Mask. Incorrect data alignment value in the image header\n"
-                              "(status: -121)"}));
+    EXPECT_TRUE(
+        holds(GetCapturedStderr(), {"In function f(): [file kuvx, line 1]\nIncorrect Image\n\n"
+                                    "Unknown error or status code\n(status: -116)",
+                                    "In function g(): [file kuvx, line 2]\nIncorrect Image\n\n"
+                                    "Mask. Incorrect data alignment value in the image header\n"
+                                    "(status: -121)"}));
 }
 
 TEST(GuiBoxReport, LongNamesAreNotCut) {
@@ -258,9 +292,10 @@ TEST(GuiBoxReport, LongNamesAreNotCut) {
     const std::string func(600, 'f'), file(700, 'g'), context(300, 'c');
     CaptureStderr();
     kuvGuiBoxReport(KUV_StsBadState, func.c_str(), context.c_str(), file.c_str(), 123456);
-    EXPECT_TRUE(holds(GetCapturedStderr(), {"In function " + func + "(): [file " + file + ", line 123456]\n" +
-                              context + "\n\nInternal error (bad state)\n(status: -3)\n\n"
-                              "ErrMode=KUV_ErrorModeParent\n\nContinue?"}));
+    EXPECT_TRUE(holds(GetCapturedStderr(),
+                      {"In function " + func + "(): [file " + file + ", line 123456]\n" + context +
+                       "\n\nInternal error (bad state)\n(status: -3)\n\n"
+                       "ErrMode=KUV_ErrorModeParent\n\nContinue?"}));
 }
 
 TEST(GuiBoxReport, SilentAndUnknownModesShowNothing) {
@@ -278,8 +313,9 @@ TEST(GuiBoxReport, IsTheDefaultBehindKuvError) {
     kuvRedirectError(nullptr);
     CaptureStderr();
     EXPECT_EQ(kuvError(KUV_StsBacktrace, "kuvOuter", "", "kuvout", 12), KUV_StsBacktrace);
-    EXPECT_TRUE(holds(GetCapturedStderr(), {"Called from kuvOuter(): [file kuvout, line 12]\n\n\nBacktrace\n"
-                              "(status: -1)"}));
+    EXPECT_TRUE(holds(GetCapturedStderr(),
+                      {"Called from kuvOuter(): [file kuvout, line 12]\n\n\nBacktrace\n"
+                       "(status: -1)"}));
 }
 
 TEST_F(ReportDeathTest, GuiBoxLeafAsksAndTerminates) {

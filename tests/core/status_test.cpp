@@ -1,12 +1,12 @@
 // Status texts, kuvError, handler redirection, the version record and the
 // cycle counter.
-#include "tests/support/kuv_test.h"
-
 #include <climits>
 #include <cstddef>
 #include <cstring>
 #include <string>
 #include <vector>
+
+#include "tests/support/kuv_test.h"
 
 namespace {
 
@@ -29,7 +29,8 @@ const StatusText statusTable[] = {
     {-9, "Null pointer to an image header"},
     {-10, "Incorrect image size"},
     {-11, "Incorrect offset of ROI of the image"},
-    {-12, "One from two pointers should be null, and other should be not null, imageData or tileInfo "},
+    {-12,
+     "One from two pointers should be null, and other should be not null, imageData or tileInfo "},
     {-13, "Incorrect widthStep of the image"},
     {-14, "Incorrect Color model or channel sequence of the image"},
     {-15, "Incorrect number of channels in the image"},
@@ -46,7 +47,9 @@ const StatusText statusTable[] = {
     {-26, "Mask image is taled"},
     {-110, "Mask. Incorrect image size"},
     {-111, "Mask. Incorrect offset of ROI of the image"},
-    {-112, "Mask. One from two pointers should be null, and other should be not null, imageData or tileInfo "},
+    {-112,
+     "Mask. One from two pointers should be null, and other should be not null, imageData or "
+     "tileInfo "},
     {-113, "Mask. Incorrect widthStep of the image"},
     {-114, "Mask. Incorrect Color model or channel sequence of the image"},
     {-115, "Mask. Incorrect number of channels in the image"},
@@ -87,10 +90,10 @@ TEST(StatusText, MaskFormIsThePlainTextBehindItsPrefix) {
 }
 
 TEST(StatusText, CodesOutsideTheTableGiveTheUnknownText) {
-    const KuvStatus unknown[] = {-2,        -109,      -116,     -122,     -123,     -126,
-                                 1,         -16 - 100, -22 - 100, -23 - 100, -26 - 100, -27,
-                                 -100,      -101,      -102,     -108,     -127,     -210,
-                                 -117 - 100, 2,        100,      INT_MIN,  INT_MAX};
+    const KuvStatus unknown[] = {-2,         -109,      -116,      -122,      -123,      -126,
+                                 1,          -16 - 100, -22 - 100, -23 - 100, -26 - 100, -27,
+                                 -100,       -101,      -102,      -108,      -127,      -210,
+                                 -117 - 100, 2,         100,       INT_MIN,   INT_MAX};
     for (KuvStatus code : unknown) {
         const char* text = kuvErrorStr(code);
         ASSERT_NE(text, nullptr) << code;
@@ -253,7 +256,9 @@ TEST(Version, RecordFieldsAreInTheDocumentedOrder) {
     EXPECT_LT(offsetof(KuvLibVersion, version), offsetof(KuvLibVersion, internalVersion));
     EXPECT_LT(offsetof(KuvLibVersion, internalVersion), offsetof(KuvLibVersion, buildDate));
     EXPECT_LT(offsetof(KuvLibVersion, buildDate), offsetof(KuvLibVersion, callConv));
-    if (sizeof(void*) == 4) EXPECT_EQ(sizeof(KuvLibVersion), 32u);
+    if (sizeof(void*) == 4) {
+        EXPECT_EQ(sizeof(KuvLibVersion), 32u);
+    }
 }
 
 TEST(CycleCounter, IncreasesAndLeavesTheStatusAlone) {

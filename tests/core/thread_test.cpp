@@ -1,11 +1,10 @@
 // Per-thread contexts: status, mode and handler belong to the calling thread,
 // and a new thread starts with the defaults whatever its creator set.
-#include "tests/support/kuv_test.h"
-
-#include "kuv_own.h"
-
 #include <thread>
 #include <vector>
+
+#include "kuv_own.h"
+#include "tests/support/kuv_test.h"
 
 namespace {
 
@@ -42,7 +41,7 @@ Seen lookFromNewThread() {
 }
 
 TEST(ThreadContext, NewThreadStartsWithTheDefaults) {
-    kuvtest::ReportCapture capture;   // this thread: recording handler, Parent mode
+    kuvtest::ReportCapture capture;  // this thread: recording handler, Parent mode
     kuvSetErrStatus(KUV_StsBadAlign);
     kuvSetErrMode(KUV_ErrorModeSilent);
 
@@ -84,7 +83,7 @@ TEST(ThreadContext, ThreadsRunningTogetherKeepTheirOwnStatus) {
             kuvRedirectError(quietHandler);
             kuvSetErrMode(KUV_ErrorModeSilent + t);
             for (int i = 0; i < rounds; ++i) {
-                const KuvStatus mine = -(t * 10000 + i) - 1000;   // never a trace code
+                const KuvStatus mine = -(t * 10000 + i) - 1000;  // never a trace code
                 kuvError(mine, "f", "c", "file", i);
                 std::this_thread::yield();
                 if (kuvGetErrStatus() != mine) ++mismatches[t];

@@ -707,6 +707,7 @@ void TileStore::callBack(const KuvImage* image, int32_t col, int32_t row, int32_
     }
     store.log_.push_back(Request{col, row, mode});
     allCalls().push_back(Call{store.id_, Request{col, row, mode}});
+    store.blocksAt_.push_back(ownOutstandingBlocks());
     if (mode == KUV_TILE_RELEASE) {
         store.giveBack();
     } else {

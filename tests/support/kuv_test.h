@@ -217,7 +217,10 @@ public:
     KuvImage* backing() const { return backing_.get(); }
     // This store's requests, oldest first.
     const std::vector<Request>& log() const { return log_; }
-    void clearLog() { log_.clear(); }
+    void clearLog() {
+        log_.clear();
+        blocksAt_.clear();
+    }
     // Requests of all stores in the order they were made, each with its store's id().
     struct Call {
         int32_t store;
@@ -230,6 +233,9 @@ public:
     int32_t id() const { return id_; }
     // The k-th READ or WRITE request from now (1-based) leaves tileData null; 0 for none.
     void failRequest(int k);
+    // ownOutstandingBlocks() as the store saw it at each of its requests, in log order:
+    // what an operation holds in temporaries while it walks.
+    const std::vector<long>& blocksAtRequests() const { return blocksAt_; }
     // Tiles granted and not yet released.
     int held() const { return static_cast<int>(held_.size()); }
     // Faults the store saw: a release of a tile it never gave, a tile buffer written
@@ -257,6 +263,7 @@ private:
     std::vector<Request> log_;
     std::vector<std::unique_ptr<Held>> held_;
     std::vector<std::string> faults_;
+    std::vector<long> blocksAt_;
     int failAt_ = 0;
     int requests_ = 0;
 };
