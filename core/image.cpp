@@ -185,8 +185,10 @@ KUV_API KuvImage* kuvCreateImageHeader(int32_t nChannels, int32_t alphaChannel, 
     image->nChannels = nChannels;
     image->alphaChannel = alphaChannel;
     image->depth = depth;
-    std::memcpy(image->colorModel, colorModel, 4);
-    std::memcpy(image->channelSeq, channelSeq, 4);
+    // Up to 4 bytes, stopping at a terminator: a shorter text such as "G"
+    // is padded with zeros instead of being read past its end.
+    std::strncpy(image->colorModel, colorModel, 4);
+    std::strncpy(image->channelSeq, channelSeq, 4);
     image->dataOrder = dataOrder;
     image->origin = origin;
     image->align = align;

@@ -158,20 +158,23 @@ inline void copyBytes(char* dst, const char* src, int64_t bytes) {
     std::memcpy(dst, src, static_cast<size_t>(bytes));
 }
 
+// n bytes set to v; a few of them as fixed-size stores.
+inline void fillBytes(char* p, uint8_t v, int64_t n) {
+    if (n > 8) {
+        std::memset(p, v, static_cast<size_t>(n));
+        return;
+    }
+    const uint64_t word = 0x0101010101010101ull * v;
+    char bytes[8];
+    std::memcpy(bytes, &word, 8);
+    copySmall(p, bytes, n);
+}
+
 // n units of `unit` bytes, the first of which is already in place, made
 // copies of it by doubling.
 inline void spreadUnits(char* p, int64_t n, int64_t unit) {
     if (n <= 1) return;
-    if (unit == 1) {
-        if (n <= 9) {
-            const uint64_t v = 0x0101010101010101ull * static_cast<unsigned char>(p[0]);
-            char bytes[8];
-            std::memcpy(bytes, &v, 8);
-            return copySmall(p + 1, bytes, n - 1);
-        }
-        std::memset(p + 1, static_cast<unsigned char>(p[0]), static_cast<size_t>(n - 1));
-        return;
-    }
+    if (unit == 1) return fillBytes(p + 1, static_cast<uint8_t>(p[0]), n - 1);
     const int64_t total = n * unit;
     int64_t done = unit;
     while (done < total) {
@@ -546,10 +549,12 @@ bool buildRows(const Source& s, const Window& w, int64_t y0, int64_t y1) {
 }
 
 // A span of the rows inside, at a window column: the same for every row.
+// Its offsets are kept in bytes so that a row's work has no products.
 struct RowSpan {
     int64_t col;
     Span span;
     Constant c;
+    int64_t to, from, bytes;   // window offset, source offset, span length
 };
 
 // More spans than this (a window many times wider than the image) go by strips.
@@ -571,50 +576,79 @@ bool rowSpans(const Source& s, const Window& w, RowSpan* spans, int* count) {
         const Constant c = constantOf(image->depth, side < 0 ? 0 : image->borderConst[side]);
         for (int64_t k = bounds[range]; k < bounds[range + 1];) {
             if (n == maxRowSpans) return false;
-            spans[n] = RowSpan{k - w.x, nextSpan(mode, s.width, k, bounds[range + 1]), c};
-            k += spans[n++].span.len;
+            const Span span = nextSpan(mode, s.width, k, bounds[range + 1]);
+            spans[n++] = RowSpan{k - w.x,           span,
+                                 c,                 (k - w.x) * s.unit,
+                                 span.src * s.unit, span.len * s.unit};
+            k += span.len;
         }
     }
     *count = n;
     return true;
 }
 
-// n pixels read from `first` downwards; single bytes without a call.
-inline void reverseRun(const Source& s, char* dst, const char* first, int64_t n) {
-    if (s.unit == 1) {
-        for (int64_t i = 0; i < n; ++i) dst[i] = first[-i];
-        return;
-    }
-    s.reverse(dst, first, n, s.unit);
-}
-
 // Rows inside an untiled byte image, one row at a time, each finished while
-// it is in cache. Constant runs are filled in the first row and copied down.
+// it is in cache; U is the pixel size when it is one of the common ones (0
+// otherwise), so that moves of single pixels are fixed-size moves. Constant
+// runs of wider pixels are filled in the first row and copied down.
+template <int U>
 void buildRowByRow(const Source& s, const Window& w, int64_t y0, int64_t y1,
                    const RowSpan* spans, int count) {
-    const int64_t unit = s.unit;
+    const int64_t unit = U > 0 ? U : s.unit;
     for (int p = 0; p < s.planes; ++p) {
         const char* src = s.data + p * s.planeBytes + y0 * s.step;
         char* dst = w.row(p, y0 - w.y);
         for (int64_t y = y0; y < y1; ++y, src += s.step, dst += w.step) {
-            for (int i = 0; i < count; ++i) {
-                const Span& span = spans[i].span;
-                char* to = dst + spans[i].col * unit;
-                const char* from = src + span.src * unit;
-                switch (span.kind) {
-                    case SPAN_FORWARD: copyBytes(to, from, span.len * unit); break;
-                    case SPAN_BACKWARD: reverseRun(s, to, from, span.len); break;
+            for (const RowSpan* rs = spans; rs != spans + count; ++rs) {
+                char* to = dst + rs->to;
+                const char* from = src + rs->from;
+                switch (rs->span.kind) {
+                    case SPAN_FORWARD: copyBytes(to, from, rs->bytes); break;
+                    case SPAN_BACKWARD:
+                        if constexpr (U > 0) {
+                            for (int64_t i = 0; i < rs->span.len; ++i) {
+                                std::memcpy(to + i * U, from - i * U, U);
+                            }
+                        } else {
+                            s.reverse(to, from, rs->span.len, unit);
+                        }
+                        break;
                     case SPAN_REPEAT:
-                        copyBytes(to, from, unit);
-                        spreadUnits(to, span.len, unit);
+                        if constexpr (U == 1) {
+                            fillBytes(to, static_cast<uint8_t>(*from), rs->bytes);
+                        } else {
+                            if constexpr (U > 0) std::memcpy(to, from, U);
+                            else std::memcpy(to, from, static_cast<size_t>(unit));
+                            spreadUnits(to, rs->span.len, unit);
+                        }
                         break;
                     case SPAN_CONSTANT:
-                        if (y == y0) fillConstantRun(s, dst, spans[i].col, span.len, spans[i].c);
-                        else copyBytes(to, to - w.step, span.len * unit);
+                        if constexpr (U == 1) {
+                            fillBytes(to, rs->c.bytes[0], rs->bytes);
+                        } else {
+                            if (y == y0) fillConstantRun(s, dst, rs->col, rs->span.len, rs->c);
+                            else copyBytes(to, to - w.step, rs->bytes);
+                        }
                         break;
                 }
             }
         }
+    }
+}
+
+using RowByRowFn = void (*)(const Source&, const Window&, int64_t, int64_t, const RowSpan*, int);
+
+RowByRowFn rowByRowFor(int64_t unit) {
+    switch (unit) {
+        case 1: return buildRowByRow<1>;
+        case 2: return buildRowByRow<2>;
+        case 3: return buildRowByRow<3>;
+        case 4: return buildRowByRow<4>;
+        case 6: return buildRowByRow<6>;
+        case 8: return buildRowByRow<8>;
+        case 12: return buildRowByRow<12>;
+        case 16: return buildRowByRow<16>;
+        default: return buildRowByRow<0>;
     }
 }
 
@@ -628,7 +662,7 @@ bool buildMiddle(const Source& s, const Window& w, int64_t y0, int64_t y1) {
     RowSpan spans[maxRowSpans];
     int count = 0;
     if (s.tiles == nullptr && !s.bits && rowSpans(s, w, spans, &count)) {
-        buildRowByRow(s, w, y0, y1, spans, count);
+        rowByRowFor(s.unit)(s, w, y0, y1, spans, count);
         return true;
     }
     for (int64_t top = y0; top < y1;) {

@@ -11,6 +11,7 @@
 // taken where the processor has it.
 #include "kuv_own.h"
 
+#include <algorithm>
 #include <bit>
 #include <cmath>
 #include <cstring>
@@ -52,16 +53,40 @@ struct Constant {
 
 // Float compares answer as the flags of an unordered float compare do: a NaN
 // counts as less and as equal, never as greater.
+//
+// Where the wide workers can use it, a compare also has a vector form over
+// thirty-two 8-bit elements, all ones where it holds. An unsigned byte is
+// below another exactly when the saturating difference the other way is
+// not zero.
+#if (defined(__x86_64__) || defined(__i386__)) && defined(__GNUC__)
+#define KUV_COMPARE_AVX2 1
+#define KUV_AVX2 __attribute__((target("avx2")))
+#else
+#define KUV_COMPARE_AVX2 0
+#endif
+
 struct Less {
     explicit Less(const Constant&) {}
     template <class V>
     bool operator()(V a, V b) const { return !(a >= b); }
+#if KUV_COMPARE_AVX2
+    template <class T>
+    KUV_AVX2 static __m256i bytes(__m256i a, __m256i b) {
+        if constexpr (std::is_signed_v<T>) return _mm256_cmpgt_epi8(b, a);
+        const __m256i none = _mm256_cmpeq_epi8(_mm256_subs_epu8(b, a), _mm256_setzero_si256());
+        return _mm256_xor_si256(none, _mm256_set1_epi8(-1));
+    }
+#endif
 };
 
 struct Greater {
     explicit Greater(const Constant&) {}
     template <class V>
     bool operator()(V a, V b) const { return a > b; }
+#if KUV_COMPARE_AVX2
+    template <class T>
+    KUV_AVX2 static __m256i bytes(__m256i a, __m256i b) { return Less::bytes<T>(b, a); }
+#endif
 };
 
 struct Equal {
@@ -71,6 +96,10 @@ struct Equal {
         if constexpr (std::is_floating_point_v<V>) return !(a < b) && !(a > b);
         else return a == b;
     }
+#if KUV_COMPARE_AVX2
+    template <class T>
+    KUV_AVX2 static __m256i bytes(__m256i a, __m256i b) { return _mm256_cmpeq_epi8(a, b); }
+#endif
 };
 
 // |a - b| < eps with the difference in extended precision, where two floats
@@ -131,12 +160,6 @@ using Worker = void (*)(const Geometry&, const Constant&);
 #define KUV_INLINE inline
 #endif
 
-#if (defined(__x86_64__) || defined(__i386__)) && defined(__GNUC__)
-#define KUV_COMPARE_AVX2 1
-#else
-#define KUV_COMPARE_AVX2 0
-#endif
-
 constexpr int32_t chunkPixels = 2048;
 
 KUV_INLINE bool bitAt(const uint8_t* row, int32_t i) { return (row[i >> 3] >> (7 - (i & 7))) & 1; }
@@ -184,31 +207,52 @@ KUV_INLINE int32_t packBytes(const uint8_t* flags, int32_t i, int32_t n, uint8_t
 }
 
 #if KUV_COMPARE_AVX2
-// Thirty-two flags at a time: the bytes of each group of eight reversed, the
-// flag moved to the byte's sign bit, and the sign bits gathered. Bit m of
-// result byte g is then flag 8g + 7 - m: the first flag most significant.
-// Called once per chunk, so it need not be inlined.
-__attribute__((target("avx2"))) int32_t packBytesAvx2(const uint8_t* flags, int32_t i, int32_t n,
-                                                      uint8_t* out, const uint8_t* mask,
-                                                      int32_t maskBit) {
+// Thirty-two results from the sign bits of a vector of bytes, the first in
+// the most significant bit of the first result byte: the bytes of each
+// group of eight are reversed before the sign bits are gathered. Under a
+// mask only the result bits whose mask bit is set change.
+KUV_AVX2 KUV_INLINE void storeSigns32(__m256i v, uint8_t* out, const uint8_t* mask,
+                                      int32_t maskBit) {
     const __m256i reverse = _mm256_setr_epi8(7, 6, 5, 4, 3, 2, 1, 0, 15, 14, 13, 12, 11, 10, 9, 8,
                                              7, 6, 5, 4, 3, 2, 1, 0, 15, 14, 13, 12, 11, 10, 9, 8);
+    auto packed = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_shuffle_epi8(v, reverse)));
+    if (mask != nullptr) {
+        const uint8_t bytes[4] = {bitsAt(mask, maskBit), bitsAt(mask, maskBit + 8),
+                                  bitsAt(mask, maskBit + 16), bitsAt(mask, maskBit + 24)};
+        uint32_t m, old;
+        std::memcpy(&m, bytes, 4);
+        std::memcpy(&old, out, 4);
+        packed = (old & ~m) | (packed & m);
+    }
+    std::memcpy(out, &packed, 4);
+}
+
+// Whole bytes of flags, thirty-two flags at a time: each flag moved to its
+// byte's sign bit. Called once per chunk, so it need not be inlined.
+KUV_AVX2 int32_t packBytesAvx2(const uint8_t* flags, int32_t i, int32_t n, uint8_t* out,
+                               const uint8_t* mask, int32_t maskBit) {
     for (; i + 32 <= n; i += 32, out += 4) {
-        __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(flags + i));
-        v = _mm256_slli_epi16(_mm256_shuffle_epi8(v, reverse), 7);
-        auto packed = static_cast<uint32_t>(_mm256_movemask_epi8(v));
-        if (mask != nullptr) {
-            uint32_t m, old;
-            const uint8_t bytes[4] = {bitsAt(mask, maskBit + i), bitsAt(mask, maskBit + i + 8),
-                                      bitsAt(mask, maskBit + i + 16),
-                                      bitsAt(mask, maskBit + i + 24)};
-            std::memcpy(&m, bytes, 4);
-            std::memcpy(&old, out, 4);
-            packed = (old & ~m) | (packed & m);
-        }
-        std::memcpy(out, &packed, 4);
+        const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(flags + i));
+        storeSigns32(_mm256_slli_epi16(v, 7), out, mask, maskBit + i);
     }
     return packBytes(flags, i, n, out, mask, maskBit);
+}
+
+// One channel of 8-bit elements in contiguous rows, compared and packed in
+// one pass, thirty-two pixels at a time from a byte of the result. Gives the
+// count of pixels done; the rest go through the flags.
+template <class Cmp, class T, bool IsScalar>
+KUV_AVX2 int32_t compareBytesAvx2(const T* a, const T* b, T s, int32_t n, uint8_t* out,
+                                  const uint8_t* mask, int32_t maskBit) {
+    const __m256i scalar = _mm256_set1_epi8(static_cast<char>(s));
+    int32_t i = 0;
+    for (; i + 32 <= n; i += 32, out += 4) {
+        const __m256i va = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(a + i));
+        const __m256i vb =
+            IsScalar ? scalar : _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b + i));
+        storeSigns32(Cmp::template bytes<T>(va, vb), out, mask, maskBit + i);
+    }
+    return i;
 }
 #endif
 
@@ -325,47 +369,108 @@ struct Scalar {
     }
 };
 
-// The rows of one worker call, for a depth D, a compare and a form: the
-// second operand is an image's channels, or the scalar.
-template <class D, class Cmp, bool IsScalar, bool Wide>
-KUV_INLINE void compareRows(const Geometry& g, const Constant& k) {
+// Pixels x .. end - 1 of one channel of contiguous elements, a bit at a
+// time: the few before the first whole result byte and after the last.
+template <bool IsScalar, class Cmp, class T>
+KUV_INLINE void compareFew(const Cmp& cmp, const T* a, const T* b, T s, int32_t x, int32_t end,
+                           uint8_t* res, int32_t resBit, const uint8_t* mask, int32_t maskBit) {
+    for (; x < end; ++x) {
+        if (mask == nullptr || bitAt(mask, maskBit + x)) {
+            putBit(res, resBit + x, cmp(a[x], IsScalar ? s : b[x]));
+        }
+    }
+}
+
+// Buffers and constants of one worker call.
+template <class D, class Cmp>
+struct RowState {
     using T = typename Element<D>::T;
-    constexpr bool bits = std::is_same_v<D, Bit>;
-    const Cmp cmp(k);
+    static constexpr bool bits = std::is_same_v<D, Bit>;
+    const Cmp cmp;
+    const Scalar<D, Cmp> scalar;
+    const ptrdiff_t sa, sb;
     alignas(32) uint8_t flags[chunkPixels];
     alignas(32) T bufferA[bits ? chunkPixels : 1];
     alignas(32) T bufferB[bits ? chunkPixels : 1];
-    const ptrdiff_t sa = bits ? 1 : g.src[0].stride;
-    const ptrdiff_t sb = bits ? 1 : g.src[1].stride;
-    const Scalar<D, Cmp> scalar(cmp, k);
 
-    for (int32_t y = 0; y < g.height; ++y) {
-        uint8_t* res = g.res.start + y * g.res.step;
-        const uint8_t* mask = g.mask.start != nullptr ? g.mask.start + y * g.mask.step : nullptr;
-        for (int32_t x = 0; x < g.width;) {
-            // Chunks after the first begin on a byte of the result.
-            int32_t n = chunkPixels - ((g.res.bitOffset + x) & 7);
-            if (n > g.width - x) n = g.width - x;
-            for (int32_t c = 0; c < g.nCh; ++c) {
-                const T* a = elementsAt<D>(g.src[0], y, c, x, n, bufferA);
-                if constexpr (IsScalar) {
-                    if (scalar.fixed) {
-                        if (c == 0) std::memset(flags, scalar.outcome, static_cast<size_t>(n));
-                        else if (!scalar.outcome) std::memset(flags, 0, static_cast<size_t>(n));
-                    } else if (c == 0) {
-                        flagsChannel<true>(cmp, a, sa, ScalarOperand<T>{scalar.value}, flags, n);
-                    } else {
-                        flagsChannel<false>(cmp, a, sa, ScalarOperand<T>{scalar.value}, flags, n);
-                    }
+    RowState(const Geometry& g, const Constant& k)
+        : cmp(k), scalar(cmp, k), sa(bits ? 1 : g.src[0].stride), sb(bits ? 1 : g.src[1].stride) {}
+};
+
+// Pixels x .. end - 1 of row y, in chunks: the flags of all channels, then
+// the flags stored. Chunks after the first begin on a byte of the result.
+template <class D, class Cmp, bool IsScalar, bool Wide>
+KUV_INLINE void compareSpan(const Geometry& g, RowState<D, Cmp>& st, int32_t y, int32_t x,
+                            int32_t end) {
+    using T = typename Element<D>::T;
+    uint8_t* res = g.res.start + y * g.res.step;
+    const uint8_t* mask = g.mask.start != nullptr ? g.mask.start + y * g.mask.step : nullptr;
+    uint8_t* flags = st.flags;
+    while (x < end) {
+        int32_t n = chunkPixels - ((g.res.bitOffset + x) & 7);
+        if (n > end - x) n = end - x;
+        for (int32_t c = 0; c < g.nCh; ++c) {
+            const T* a = elementsAt<D>(g.src[0], y, c, x, n, st.bufferA);
+            if constexpr (IsScalar) {
+                const ScalarOperand<T> b{st.scalar.value};
+                if (st.scalar.fixed) {
+                    if (c == 0) std::memset(flags, st.scalar.outcome, static_cast<size_t>(n));
+                    else if (!st.scalar.outcome) std::memset(flags, 0, static_cast<size_t>(n));
+                } else if (c == 0) {
+                    flagsChannel<true>(st.cmp, a, st.sa, b, flags, n);
                 } else {
-                    const PairOperand<T> b{elementsAt<D>(g.src[1], y, c, x, n, bufferB), sb};
-                    if (c == 0) flagsChannel<true>(cmp, a, sa, b, flags, n);
-                    else flagsChannel<false>(cmp, a, sa, b, flags, n);
+                    flagsChannel<false>(st.cmp, a, st.sa, b, flags, n);
                 }
+            } else {
+                const PairOperand<T> b{elementsAt<D>(g.src[1], y, c, x, n, st.bufferB), st.sb};
+                if (c == 0) flagsChannel<true>(st.cmp, a, st.sa, b, flags, n);
+                else flagsChannel<false>(st.cmp, a, st.sa, b, flags, n);
             }
-            storeFlags<Wide>(flags, n, res, g.res.bitOffset + x, mask, g.mask.bitOffset + x);
-            x += n;
         }
+        storeFlags<Wide>(flags, n, res, g.res.bitOffset + x, mask, g.mask.bitOffset + x);
+        x += n;
+    }
+}
+
+// The rows of one worker call, for a depth D, a compare and a form: the
+// second operand is an image's channels, or the scalar. The wide workers
+// take one channel of contiguous bytes in one pass, from the first pixel
+// that begins a result byte.
+template <class D, class Cmp, bool IsScalar, bool Wide>
+KUV_INLINE void compareRows(const Geometry& g, const Constant& k) {
+    RowState<D, Cmp> st(g, k);
+#if KUV_COMPARE_AVX2
+    using T = typename Element<D>::T;
+    constexpr bool bytes = Wide && sizeof(T) == 1 && !std::is_same_v<D, Bit>;
+    const bool fused = bytes && g.nCh == 1 && st.sa == 1 &&
+                       (IsScalar ? !st.scalar.fixed : st.sb == 1);
+    const int32_t head = std::min(g.width, (8 - (g.res.bitOffset & 7)) & 7);
+#endif
+    for (int32_t y = 0; y < g.height; ++y) {
+#if KUV_COMPARE_AVX2
+        if constexpr (bytes) {
+            if (fused) {
+                const T* a = reinterpret_cast<const T*>(g.src[0].start + y * g.src[0].rowStep);
+                const T* b = IsScalar ? a
+                                      : reinterpret_cast<const T*>(g.src[1].start +
+                                                                   y * g.src[1].rowStep);
+                uint8_t* res = g.res.start + y * g.res.step;
+                const uint8_t* mask =
+                    g.mask.start != nullptr ? g.mask.start + y * g.mask.step : nullptr;
+                const T s = st.scalar.value;
+                compareFew<IsScalar>(st.cmp, a, b, s, 0, head, res, g.res.bitOffset, mask,
+                                     g.mask.bitOffset);
+                const int32_t done = head + compareBytesAvx2<Cmp, T, IsScalar>(
+                                                a + head, b + head, s, g.width - head,
+                                                res + ((g.res.bitOffset + head) >> 3), mask,
+                                                g.mask.bitOffset + head);
+                compareFew<IsScalar>(st.cmp, a, b, s, done, g.width, res, g.res.bitOffset, mask,
+                                     g.mask.bitOffset);
+                continue;
+            }
+        }
+#endif
+        compareSpan<D, Cmp, IsScalar, Wide>(g, st, y, 0, g.width);
     }
 }
 
@@ -376,7 +481,7 @@ void compareWorker(const Geometry& g, const Constant& k) {
 
 #if KUV_COMPARE_AVX2
 template <class D, class Cmp, bool IsScalar>
-__attribute__((target("avx2"))) void compareWorkerAvx2(const Geometry& g, const Constant& k) {
+KUV_AVX2 void compareWorkerAvx2(const Geometry& g, const Constant& k) {
     compareRows<D, Cmp, IsScalar, true>(g, k);
 }
 

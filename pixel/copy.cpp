@@ -258,9 +258,7 @@ __attribute__((target("avx2"))) void copyGroupsAvx2(const char* s, char* d, int3
                                                     int32_t ds, int32_t g) {
     copyGroupsBody<U, SS, DS, G>(s, d, n, ss, ds, g);
 }
-#endif
 
-#ifdef KUV_COPY_HAVE_AVX2
 // A channel split of 8-bit pixels, the commonest strided copy, written out
 // by hand: what the compiler makes of the plain loop costs about twice the
 // shuffles. The row's tail goes through the plain loop.
@@ -289,7 +287,7 @@ __attribute__((target("avx2"))) void splitOf3x8Avx2(const char* src, char* dst, 
     // A block reads 96 bytes from pixel x on: up to two bytes past its last
     // needed one, which belong to pixel x + 32. Only a block followed by a
     // pixel goes this way, so no byte past the row's needs is read.
-    for (; x + 32 <= n; x += 32) {
+    for (; x + 32 < n; x += 32) {
         const uint8_t* p = s + 3 * static_cast<ptrdiff_t>(x);
         const __m256i v0 = _mm256_loadu2_m128i(reinterpret_cast<const __m128i*>(p + 48),
                                                reinterpret_cast<const __m128i*>(p));
@@ -318,12 +316,15 @@ __attribute__((target("avx2"))) void splitOf4x8Avx2(const char* src, char* dst, 
     // pixel x + 32.
     for (; x + 32 < n; x += 32) {
         const uint8_t* p = s + 4 * static_cast<ptrdiff_t>(x);
-        const __m256i a = _mm256_and_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)), low);
-        const __m256i b = _mm256_and_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + 32)), low);
-        const __m256i c = _mm256_and_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + 64)), low);
-        const __m256i e = _mm256_and_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + 96)), low);
-        const __m256i bytes = _mm256_packus_epi16(_mm256_packus_epi32(a, b), _mm256_packus_epi32(c, e));
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(d + x), _mm256_permutevar8x32_epi32(bytes, order));
+        const auto* v = reinterpret_cast<const __m256i*>(p);
+        const __m256i a = _mm256_and_si256(_mm256_loadu_si256(v), low);
+        const __m256i b = _mm256_and_si256(_mm256_loadu_si256(v + 1), low);
+        const __m256i c = _mm256_and_si256(_mm256_loadu_si256(v + 2), low);
+        const __m256i e = _mm256_and_si256(_mm256_loadu_si256(v + 3), low);
+        const __m256i bytes =
+            _mm256_packus_epi16(_mm256_packus_epi32(a, b), _mm256_packus_epi32(c, e));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(d + x),
+                            _mm256_permutevar8x32_epi32(bytes, order));
     }
     for (; x < n; ++x) d[x] = s[4 * static_cast<ptrdiff_t>(x)];
 }
@@ -509,7 +510,8 @@ void elementWalk(const Walk& w, U value) {
         for (int32_t p = 0; p < planes; ++p) {
             for (int32_t y = 0; y < w.height; ++y) {
                 const uint8_t* m = w.mask + y * w.maskStep;
-                U* s = reinterpret_cast<U*>(w.start[src] + p * w.planeStep[src] + y * w.rowStep[src]);
+                U* s = reinterpret_cast<U*>(w.start[src] + p * w.planeStep[src] +
+                                            y * w.rowStep[src]);
                 U* d = reinterpret_cast<U*>(w.start[1] + p * w.planeStep[1] + y * w.rowStep[1]);
                 for (int32_t x = 0; x < w.width; ++x, s += w.stride[src], d += w.stride[1]) {
                     if (!maskBit(m, w.maskBit + x)) continue;
@@ -800,7 +802,8 @@ void blockWalk(const char* func, const KuvImage* src, KuvImage* dst, const KuvIm
             const int32_t pw = pieceExtent(i, nc, tx, tw, width);
             // The grid's image is placed inside its tile, the others at their
             // region origin plus the distance walked.
-            Working* images[3] = {src != nullptr ? &s : nullptr, &d, mask != nullptr ? &m : nullptr};
+            Working* images[3] = {src != nullptr ? &s : nullptr, &d,
+                                   mask != nullptr ? &m : nullptr};
             for (Working* w : images) {
                 if (w == nullptr) continue;
                 if (w == &grid) placeWorking(w, i == 0 ? tx : 0, j == 0 ? ty : 0, pw, ph);

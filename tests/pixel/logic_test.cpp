@@ -246,7 +246,7 @@ std::string firstDifference(const KuvImage* layout, const std::vector<uint8_t>& 
 
 // ------------------------------------------------------------ random cases
 
-struct ImageSpec {
+struct ImageShape {
     int nChannels = 1, alpha = 0, order = KUV_DATA_ORDER_PIXEL, align = 4, width = 1, height = 1;
     bool hasRoi = false;
     KuvROI roi{};
@@ -258,22 +258,22 @@ struct ImageSpec {
     int tileWidth = 8, tileHeight = 8;
 };
 
-struct CaseSpec {
+struct CaseShape {
     uint32_t depth = KUV_DEPTH_8U;
     int nSrc = 2;
-    ImageSpec img[3];   // srcA, srcB, dst
+    ImageShape img[3];   // srcA, srcB, dst
     bool aIsDst = false, bIsDst = false, bIsA = false;
     uint64_t seed = 0;
 };
 
 // Whether image i of a case is a record of its own (not an alias of another).
-bool inUse(const CaseSpec& c, int i) {
+bool inUse(const CaseShape& c, int i) {
     if (i == 0) return !c.aIsDst;
     if (i == 1) return c.nSrc == 2 && !c.bIsDst && !c.bIsA;
     return true;
 }
 
-std::string describe(const CaseSpec& c) {
+std::string describe(const CaseShape& c) {
     std::ostringstream out;
     out << "seed " << c.seed << " depth " << depthName(c.depth);
     if (c.aIsDst) out << " srcA=dst";
@@ -282,7 +282,7 @@ std::string describe(const CaseSpec& c) {
     const char* names[3] = {"srcA", "srcB", "dst"};
     for (int i = 0; i < 3; ++i) {
         if (!inUse(c, i)) continue;
-        const ImageSpec& s = c.img[i];
+        const ImageShape& s = c.img[i];
         out << "\n  " << names[i] << ": " << s.nChannels << "ch alpha " << s.alpha
             << (s.order == KUV_DATA_ORDER_PLANE ? " plane" : " pixel") << " align " << s.align
             << " " << s.width << "x" << s.height;
@@ -313,9 +313,9 @@ int randomOffset(Rng& rng, int extent) {
     return static_cast<int>(rng.uniform(0, std::min(11, extent - 1)));
 }
 
-CaseSpec randomCase(uint32_t depth, int nSrc, uint64_t seed, bool forceMasksAndTiles) {
+CaseShape randomCase(uint32_t depth, int nSrc, uint64_t seed, bool forceMasksAndTiles) {
     Rng rng(seed);
-    CaseSpec c;
+    CaseShape c;
     c.depth = depth;
     c.nSrc = nSrc;
     c.seed = seed;
@@ -340,7 +340,7 @@ CaseSpec randomCase(uint32_t depth, int nSrc, uint64_t seed, bool forceMasksAndT
         c.aIsDst = rng.chance(0.2);
     }
     for (int i = 0; i < 3; ++i) {
-        ImageSpec& s = c.img[i];
+        ImageShape& s = c.img[i];
         // Bit images have one channel and compare no data order.
         s.order = bits ? static_cast<int>(rng.uniform(0, 1)) : commonOrder;
         if (coiMode) {
@@ -418,7 +418,7 @@ CaseSpec randomCase(uint32_t depth, int nSrc, uint64_t seed, bool forceMasksAndT
 }
 
 // One image of a case, pixels and mask bits from the case's seed.
-ImagePtr buildImage(uint32_t depth, const ImageSpec& s, uint64_t seed) {
+ImagePtr buildImage(uint32_t depth, const ImageShape& s, uint64_t seed) {
     ImagePtr image = makeImage(depth, s.nChannels, s.width, s.height, s.order, s.alpha, s.align);
     if (!image) return image;
     fillRandom(image.get(), seed);
@@ -443,7 +443,7 @@ struct PlainSet {
     KuvImage* d = nullptr;
 };
 
-PlainSet buildPlain(const CaseSpec& c) {
+PlainSet buildPlain(const CaseShape& c) {
     PlainSet p;
     p.own[2] = buildImage(c.depth, c.img[2], c.seed * 3 + 2);
     p.d = p.own[2].get();
@@ -482,7 +482,7 @@ struct TiledSet {
     }
 };
 
-void makeTiled(TiledSet& t, int i, const KuvImage* from, const ImageSpec& s) {
+void makeTiled(TiledSet& t, int i, const KuvImage* from, const ImageShape& s) {
     if (s.tiled) {
         ImagePtr backing = copyImage(from);
         clearRoi(backing.get());
@@ -499,7 +499,7 @@ void makeTiled(TiledSet& t, int i, const KuvImage* from, const ImageSpec& s) {
     }
 }
 
-TiledSet buildTiled(const CaseSpec& c, const PlainSet& p) {
+TiledSet buildTiled(const CaseShape& c, const PlainSet& p) {
     TiledSet t;
     makeTiled(t, 2, p.d, c.img[2]);
     t.d = t.image(2);
@@ -522,7 +522,7 @@ TiledSet buildTiled(const CaseSpec& c, const PlainSet& p) {
     return t;
 }
 
-bool anyTiled(const CaseSpec& c) {
+bool anyTiled(const CaseShape& c) {
     for (int i = 0; i < 3; ++i) {
         if (inUse(c, i) && c.img[i].tiled) return true;
     }
@@ -538,7 +538,7 @@ void expectStoresClean(const TiledSet& t) {
 }
 
 // A run of one case on plain images, and on tiled ones when the case tiles.
-void checkCase(const CaseSpec& c, const OpCall& call, const ElementFn& fn, const std::string& label) {
+void checkCase(const CaseShape& c, const OpCall& call, const ElementFn& fn, const std::string& label) {
     SCOPED_TRACE(label + " " + describe(c));
     PlainSet p = buildPlain(c);
     if (p.d == nullptr || p.a == nullptr || (c.nSrc == 2 && p.b == nullptr)) return;
@@ -581,7 +581,7 @@ void checkCase(const CaseSpec& c, const OpCall& call, const ElementFn& fn, const
 
 // A masked, tiled run against the same operation on plain images without
 // masks, followed by a masked copy of its result into the old destination.
-void checkDifferential(const CaseSpec& c, const OpCall& call, const std::string& label) {
+void checkDifferential(const CaseShape& c, const OpCall& call, const std::string& label) {
     SCOPED_TRACE(label + " " + describe(c));
     PlainSet p = buildPlain(c);
     if (p.d == nullptr || p.a == nullptr || (c.nSrc == 2 && p.b == nullptr)) return;
@@ -639,7 +639,7 @@ void runReferenceCases(int nSrc, const std::vector<uint32_t>& depths, uint64_t s
         for (int i = 0; i < cases; ++i) {
             const uint64_t caseSeed = seed + 1000003ull * depthBits(depth) + i +
                                       ((depth & KUV_DEPTH_SIGN) != 0 ? 77777ull : 0ull);
-            const CaseSpec c = randomCase(depth, nSrc, caseSeed, false);
+            const CaseShape c = randomCase(depth, nSrc, caseSeed, false);
             Rng rng(caseSeed ^ 0xABCDEFull);
             OpCall call;
             ElementFn fn;
@@ -657,7 +657,7 @@ void runDifferentialCases(int nSrc, const std::vector<uint32_t>& depths, uint64_
         for (int i = 0; i < cases; ++i) {
             const uint64_t caseSeed = seed + 7919ull * depthBits(depth) + i +
                                       ((depth & KUV_DEPTH_SIGN) != 0 ? 55555ull : 0ull);
-            const CaseSpec c = randomCase(depth, nSrc, caseSeed, true);
+            const CaseShape c = randomCase(depth, nSrc, caseSeed, true);
             Rng rng(caseSeed ^ 0x123456ull);
             OpCall call;
             ElementFn fn;
@@ -727,7 +727,7 @@ int64_t neededBegin(const KuvImage* image) {
 GuardedImage guardedImage(uint32_t depth, int nChannels, int order, int width, int height,
                           KuvROI roi, bool atEnd, uint64_t seed) {
     GuardedImage g;
-    g.header = ImagePtr(kuvCreateImageHeader(nChannels, 0, depth, "GRAY", "G", order,
+    g.header = ImagePtr(kuvCreateImageHeader(nChannels, 0, depth, "GRAY", "G\0\0", order,
                                              KUV_ORIGIN_TOP_LEFT, 4, width, height, nullptr,
                                              nullptr, 0, nullptr));
     if (!g.header) std::_Exit(6);
@@ -1376,6 +1376,52 @@ TEST(LogicRefusal, RegionBeyondTheImageWritesNothingAndReportsNothing) {
             EXPECT_TRUE(guard.intact()) << op.name() << " " << depthName(depth);
         }
     }
+}
+
+// ------------------------------------------------------------ tiles, status
+
+TEST(LogicTiles, InPlaceTiledDestinationIsOnlyRequestedForWriting) {
+    for (uint32_t depth : {KUV_DEPTH_1U, KUV_DEPTH_16U}) {
+        SCOPED_TRACE(depthName(depth));
+        ImagePtr backing = makeImage(depth, 1, 20, 12);
+        fillRandom(backing.get(), 80);
+        ImagePtr b = makeImage(depth, 1, 20, 12);
+        fillRandom(b.get(), 81);
+        ImagePtr old = copyImage(backing.get());
+        TileStore store(std::move(backing), 8, 8);
+        ReportCapture capture;
+        kuvXor(store.image(), b.get(), store.image());
+        kuvNot(store.image(), store.image());
+        EXPECT_EQ(capture.count(), 0u);
+        int writes = 0, releases = 0;
+        for (const TileStore::Request& r : store.log()) {
+            EXPECT_NE(r.mode, KUV_TILE_READ) << "tile " << r.col << "," << r.row;
+            writes += r.mode == KUV_TILE_WRITE;
+            releases += r.mode == KUV_TILE_RELEASE;
+        }
+        EXPECT_EQ(writes, 12);   // 3 x 2 tiles, twice
+        EXPECT_EQ(releases, writes);
+        EXPECT_EQ(store.held(), 0);
+        for (int y = 0; y < 12; ++y) {
+            for (int x = 0; x < 20; ++x) {
+                EXPECT_EQ(getBits(store.backing(), x, y, 0),
+                          ~(getBits(old.get(), x, y, 0) ^ getBits(b.get(), x, y, 0)) & widthMask(depth));
+            }
+        }
+        for (const std::string& f : store.faults()) ADD_FAILURE() << f;
+    }
+}
+
+TEST(LogicStatus, SuccessLeavesTheThreadsStatusAsItWas) {
+    ImagePtr a = makeImage(KUV_DEPTH_8U, 1, 4, 4);
+    ImagePtr d = makeImage(KUV_DEPTH_8U, 1, 4, 4);
+    ReportCapture capture;
+    kuvSetErrStatus(KUV_StsBadArgument);
+    kuvAnd(a.get(), a.get(), d.get());
+    kuvOrS(a.get(), d.get(), 3);
+    kuvNot(a.get(), d.get());
+    EXPECT_EQ(kuvGetErrStatus(), KUV_StsBadArgument);
+    EXPECT_EQ(capture.count(), 0u);
 }
 
 // ------------------------------------------------------------ kuvAdd of bits

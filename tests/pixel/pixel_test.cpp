@@ -16,7 +16,7 @@ std::vector<uint8_t> pixelOf(const KuvImage* image, int x, int y) {
     std::vector<uint8_t> out(static_cast<size_t>(bytes * image->nChannels));
     for (int c = 0; c < image->nChannels; ++c) {
         const uint32_t v = getBits(image, x, y, c);
-        std::memcpy(out.data() + c * bytes, &v, static_cast<size_t>(bytes));   // little endian
+        std::memcpy(out.data() + c * bytes, &v, static_cast<size_t>(bytes));  // little endian
     }
     return out;
 }
@@ -26,7 +26,8 @@ TEST(PixelAccess, EveryDepthAndLayoutRoundTrips) {
         for (int order : {KUV_DATA_ORDER_PIXEL, KUV_DATA_ORDER_PLANE}) {
             for (int n : {1, 2, 3, 4}) {
                 if (depth == KUV_DEPTH_1U && n > 1) continue;
-                SCOPED_TRACE(depthName(depth) + " x" + std::to_string(n) + " order " + std::to_string(order));
+                SCOPED_TRACE(depthName(depth) + " x" + std::to_string(n) + " order " +
+                             std::to_string(order));
                 ImagePtr image = makeImage(depth, n, 11, 5, order, n == 4 ? 4 : 0);
                 fillRandom(image.get(), depth + n + order);
                 ImagePtr source = makeImage(depth, n, 11, 5, order);
@@ -43,7 +44,8 @@ TEST(PixelAccess, EveryDepthAndLayoutRoundTrips) {
                 kuvPutPixel(image.get(), 7, 2, value.data());
                 EXPECT_EQ(pixelOf(image.get(), 7, 2), value);
                 EXPECT_EQ(capture.count(), 0u);
-                expectUnchangedExcept(before, image.get(), [](int x, int y, int) { return x == 7 && y == 2; });
+                expectUnchangedExcept(before, image.get(),
+                                      [](int x, int y, int) { return x == 7 && y == 2; });
             }
         }
     }
@@ -55,18 +57,18 @@ TEST(PixelAccess, BitColumnNineIsBitSixOfTheSecondByte) {
     uint8_t* row1 = reinterpret_cast<uint8_t*>(image->imageData) + image->widthStep;
     uint8_t pixel = 0xFF;
     kuvGetPixel(image.get(), 9, 1, &pixel);
-    EXPECT_EQ(pixel, 0);   // 0xA5 = 1010 0101: bit 6 is 0
+    EXPECT_EQ(pixel, 0);  // 0xA5 = 1010 0101: bit 6 is 0
     pixel = 3;
     kuvPutPixel(image.get(), 9, 1, &pixel);
     EXPECT_EQ(row1[1], 0xE5);
     kuvGetPixel(image.get(), 9, 1, &pixel);
     EXPECT_EQ(pixel, 1);
-    pixel = 2;   // bit 0 clear: the bit is cleared
+    pixel = 2;  // bit 0 clear: the bit is cleared
     kuvPutPixel(image.get(), 9, 1, &pixel);
     EXPECT_EQ(row1[1], 0xA5);
     EXPECT_EQ(row1[0], 0xA5);
     EXPECT_EQ(row1[2], 0xA5);
-    EXPECT_EQ(reinterpret_cast<uint8_t*>(image->imageData)[1], 0xA5);   // row 0 untouched
+    EXPECT_EQ(reinterpret_cast<uint8_t*>(image->imageData)[1], 0xA5);  // row 0 untouched
 }
 
 TEST(PixelAccess, OriginBottomLeftCountsFromThePictureTop) {
@@ -75,11 +77,11 @@ TEST(PixelAccess, OriginBottomLeftCountsFromThePictureTop) {
     image->origin = KUV_ORIGIN_BOTTOM_LEFT;
     int16_t pixel[2] = {};
     kuvGetPixel(image.get(), 1, 0, pixel);
-    EXPECT_EQ(pixel[0], get(image.get(), 1, 2, 0));   // the last stored row
+    EXPECT_EQ(pixel[0], get(image.get(), 1, 2, 0));  // the last stored row
     EXPECT_EQ(pixel[1], get(image.get(), 1, 2, 1));
     const int16_t value[2] = {-7, 12345};
     kuvPutPixel(image.get(), 3, 2, value);
-    EXPECT_EQ(get(image.get(), 3, 0, 0), -7.0);   // the first stored row
+    EXPECT_EQ(get(image.get(), 3, 0, 0), -7.0);  // the first stored row
     EXPECT_EQ(get(image.get(), 3, 0, 1), 12345.0);
 }
 
@@ -109,7 +111,7 @@ TEST(PixelAccess, RegionMaskAndCoiPlayNoPart) {
 
 TEST(PixelAccess, FloatBitsAreMovedUnchanged) {
     ImagePtr image = makeImage(KUV_DEPTH_32F, 2, 3, 3);
-    const uint32_t bits[2] = {0x7FC01234u, 0x80000001u};   // a NaN with payload, a negative denormal
+    const uint32_t bits[2] = {0x7FC01234u, 0x80000001u};  // a NaN with payload, a negative denormal
     kuvPutPixel(image.get(), 2, 2, bits);
     EXPECT_EQ(getBits(image.get(), 2, 2, 0), bits[0]);
     EXPECT_EQ(getBits(image.get(), 2, 2, 1), bits[1]);
@@ -129,27 +131,30 @@ TEST(PixelRefusals, InTheirOrder) {
     const Case cases[] = {
         {4, 0, "((x>width-1) || (x<0))"},  {-1, 0, "((x>width-1) || (x<0))"},
         {0, 3, "((y>height-1) || (y<0))"}, {0, -1, "((y>height-1) || (y<0))"},
-        {4, -1, "((x>width-1) || (x<0))"},   // x is tested first
+        {4, -1, "((x>width-1) || (x<0))"},  // x is tested first
     };
     for (const Case& c : cases) {
         RefusalGuard guard(image.get());
         {
             ReportCapture capture;
             kuvGetPixel(image.get(), c.x, c.y, &pixel);
-            EXPECT_TRUE(oneReport(capture, KUV_StsBadArgument, "kuvGetPixel", c.context, "kuvGetPx"));
+            EXPECT_TRUE(
+                oneReport(capture, KUV_StsBadArgument, "kuvGetPixel", c.context, "kuvGetPx"));
         }
         {
             pixel = 9;
             ReportCapture capture;
             kuvPutPixel(image.get(), c.x, c.y, &pixel);
-            EXPECT_TRUE(oneReport(capture, KUV_StsBadArgument, "kuvPutPixel", c.context, "kuvPutPx"));
+            EXPECT_TRUE(
+                oneReport(capture, KUV_StsBadArgument, "kuvPutPixel", c.context, "kuvPutPx"));
         }
         EXPECT_TRUE(guard.intact());
     }
     {
         ReportCapture capture;
         kuvGetPixel(nullptr, 0, 0, &pixel);
-        EXPECT_TRUE(oneReport(capture, KUV_StsNullHeader, "kuvGetPixel", "Incorrect Image", "kuvGetPx"));
+        EXPECT_TRUE(
+            oneReport(capture, KUV_StsNullHeader, "kuvGetPixel", "Incorrect Image", "kuvGetPx"));
     }
     {
         // The header check refuses a misplaced alpha channel before the
@@ -158,7 +163,8 @@ TEST(PixelRefusals, InTheirOrder) {
         image->nChannels = 1;
         ReportCapture capture;
         kuvPutPixel(image.get(), 0, 0, &pixel);
-        EXPECT_TRUE(oneReport(capture, KUV_StsBadAlphaChannel, "kuvPutPixel", "Incorrect Image", "kuvPutPx"));
+        EXPECT_TRUE(oneReport(capture, KUV_StsBadAlphaChannel, "kuvPutPixel", "Incorrect Image",
+                              "kuvPutPx"));
         image->alphaChannel = 0;
     }
 }
@@ -176,8 +182,10 @@ TEST(PixelTiles, GetReadsAndPutWritesOneTile) {
         const uint16_t value[3] = {1, 65535, 300};
         kuvPutPixel(store.image(), 29, 3, value);
         for (int c = 0; c < 3; ++c) EXPECT_EQ(get(store.backing(), 29, 3, c), value[c]);
-        const std::vector<Req> expected = {{2, 1, KUV_TILE_READ}, {2, 1, KUV_TILE_RELEASE},
-                                           {3, 0, KUV_TILE_WRITE}, {3, 0, KUV_TILE_RELEASE}};
+        const std::vector<Req> expected = {{2, 1, KUV_TILE_READ},
+                                           {2, 1, KUV_TILE_RELEASE},
+                                           {3, 0, KUV_TILE_WRITE},
+                                           {3, 0, KUV_TILE_RELEASE}};
         EXPECT_EQ(store.log(), expected);
         EXPECT_EQ(store.held(), 0);
         EXPECT_TRUE(store.faults().empty());
@@ -190,13 +198,15 @@ TEST(PixelTiles, BottomLeftOriginIsFlippedBeforeTheTileRow) {
     plain->origin = KUV_ORIGIN_BOTTOM_LEFT;
     TileStore store(copyImage(plain.get()), 16, 8);
     uint8_t bit = 0xFF;
-    kuvGetPixel(store.image(), 21, 2, &bit);   // stored row 17, tile row 2
+    kuvGetPixel(store.image(), 21, 2, &bit);  // stored row 17, tile row 2
     EXPECT_EQ(bit, get(plain.get(), 21, 17, 0));
     bit = get(plain.get(), 3, 0, 0) == 0.0 ? 1 : 0;
-    kuvPutPixel(store.image(), 3, 19, &bit);   // stored row 0, tile row 0
+    kuvPutPixel(store.image(), 3, 19, &bit);  // stored row 0, tile row 0
     EXPECT_EQ(get(store.backing(), 3, 0, 0), bit);
-    const std::vector<Req> expected = {{1, 2, KUV_TILE_READ}, {1, 2, KUV_TILE_RELEASE},
-                                       {0, 0, KUV_TILE_WRITE}, {0, 0, KUV_TILE_RELEASE}};
+    const std::vector<Req> expected = {{1, 2, KUV_TILE_READ},
+                                       {1, 2, KUV_TILE_RELEASE},
+                                       {0, 0, KUV_TILE_WRITE},
+                                       {0, 0, KUV_TILE_RELEASE}};
     EXPECT_EQ(store.log(), expected);
 }
 
@@ -208,7 +218,8 @@ TEST(PixelTiles, ANullTileIsAFailedRequest) {
     {
         ReportCapture capture;
         kuvGetPixel(store.image(), 9, 9, pixel);
-        EXPECT_TRUE(oneReport(capture, KUV_StsFailure, "kuvGetPixel", "Error get tile to read", "kuvGetPx"));
+        EXPECT_TRUE(oneReport(capture, KUV_StsFailure, "kuvGetPixel", "Error get tile to read",
+                              "kuvGetPx"));
     }
     EXPECT_EQ(pixel[0], 5);
     EXPECT_EQ(pixel[1], 6);
@@ -216,10 +227,11 @@ TEST(PixelTiles, ANullTileIsAFailedRequest) {
     {
         ReportCapture capture;
         kuvPutPixel(store.image(), 9, 9, pixel);
-        EXPECT_TRUE(oneReport(capture, KUV_StsFailure, "kuvPutPixel", "Error get tile to write", "kuvPutPx"));
+        EXPECT_TRUE(oneReport(capture, KUV_StsFailure, "kuvPutPixel", "Error get tile to write",
+                              "kuvPutPx"));
     }
     const std::vector<Req> expected = {{1, 1, KUV_TILE_READ}, {1, 1, KUV_TILE_WRITE}};
-    EXPECT_EQ(store.log(), expected);   // nothing to release
+    EXPECT_EQ(store.log(), expected);  // nothing to release
     EXPECT_EQ(get(store.backing(), 9, 9, 0), 0.0);
 }
 
