@@ -23,10 +23,6 @@
 #include "kuv.h"
 #include "kuv_own.h"
 
-extern "C" {
-KuvStatus kuvLess(const KuvImage* img1, const KuvImage* img2, KuvImage* res);
-KuvStatus kuvLessS(const KuvImage* img, int32_t s, KuvImage* res);
-}
 
 namespace {
 

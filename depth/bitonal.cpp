@@ -186,7 +186,7 @@ float firstZero(const Job& job) {
     }
     if (!(pieceMin <= pieceMax)) return;   // nothing but NaNs
     // Equal values differ only as +0 and -0: the scan keeps the first met.
-    if (false) {
+    if (pieceMin == 0.0f || pieceMax == 0.0f) {
         const float zero = firstZero(job);
         if (pieceMin == 0.0f) pieceMin = zero;
         if (pieceMax == 0.0f) pieceMax = zero;

@@ -300,6 +300,90 @@ KUV_API void kuvBitonalToGray(const KuvImage* srcImage, KuvImage* dstImage, int3
                               int32_t OneScale);
 KUV_API KuvStatus kuvMinMaxFP(const KuvImage* srcImage, float* min, float* max);
 
+/* ------------------------------------------------------------ convolution */
+
+#define KUV_COMBINE_SUM       0
+#define KUV_COMBINE_SUMSQ     1
+#define KUV_COMBINE_SUMSQROOT 2
+#define KUV_COMBINE_MAX       3
+#define KUV_COMBINE_MIN       4
+
+/* Coefficients and anchor are stored reversed; read them back through
+   kuvGetConvKernel. */
+typedef struct KuvConvKernel {
+    int32_t nCols;
+    int32_t nRows;
+    int32_t anchorX;
+    int32_t anchorY;
+    int32_t* values;
+    int32_t nShiftR;
+} KuvConvKernel;
+
+typedef struct KuvConvKernelFP {
+    int32_t nCols;
+    int32_t nRows;
+    int32_t anchorX;
+    int32_t anchorY;
+    float* values;
+} KuvConvKernelFP;
+
+KUV_API KuvConvKernel* kuvCreateConvKernel(int32_t nCols, int32_t nRows, int32_t anchorX,
+                                           int32_t anchorY, const int32_t* values,
+                                           int32_t nShiftR);
+KUV_API KuvConvKernel* kuvCreateConvKernelChar(int32_t nCols, int32_t nRows, int32_t anchorX,
+                                               int32_t anchorY, const signed char* values,
+                                               int32_t nShiftR);
+KUV_API KuvConvKernelFP* kuvCreateConvKernelFP(int32_t nCols, int32_t nRows, int32_t anchorX,
+                                               int32_t anchorY, const float* values);
+KUV_API void kuvGetConvKernel(const KuvConvKernel* kernel, int32_t* nCols, int32_t* nRows,
+                              int32_t* anchorX, int32_t* anchorY, int32_t** values,
+                              int32_t* nShiftR);
+KUV_API void kuvGetConvKernelChar(const KuvConvKernel* kernel, int32_t* nCols, int32_t* nRows,
+                                  int32_t* anchorX, int32_t* anchorY, signed char** values,
+                                  int32_t* nShiftR);
+KUV_API void kuvGetConvKernelFP(const KuvConvKernelFP* kernel, int32_t* nCols, int32_t* nRows,
+                                int32_t* anchorX, int32_t* anchorY, float** values);
+KUV_API void kuvDeleteConvKernel(KuvConvKernel* kernel);
+KUV_API void kuvDeleteConvKernelFP(KuvConvKernelFP* kernel);
+KUV_API void kuvConvolve2D(const KuvImage* srcImage, KuvImage* dstImage, KuvConvKernel** kernel,
+                           int32_t nKernels, int32_t combineMethod);
+KUV_API void kuvConvolve2DFP(const KuvImage* srcImage, KuvImage* dstImage,
+                             KuvConvKernelFP** kernel, int32_t nKernels, int32_t combineMethod);
+
+KUV_API void kuvConvolveSep2D(const KuvImage* srcImage, KuvImage* dstImage,
+                              const KuvConvKernel* xKernel, const KuvConvKernel* yKernel);
+KUV_API void kuvConvolveSep2DFP(const KuvImage* srcImage, KuvImage* dstImage,
+                                const KuvConvKernelFP* xKernel, const KuvConvKernelFP* yKernel);
+KUV_API void kuvBlur(const KuvImage* srcImage, KuvImage* dstImage, int32_t nCols, int32_t nRows,
+                     int32_t anchorX, int32_t anchorY);
+
+/* ------------------------------------------------ rank filters, morphology */
+
+/* Ids of kuvFixedFilter. */
+#define KUV_FILTER_PREWITT_X  0
+#define KUV_FILTER_PREWITT_Y  1
+#define KUV_FILTER_SOBEL_X    2
+#define KUV_FILTER_SOBEL_Y    3
+#define KUV_FILTER_LAPLACE_3  4
+#define KUV_FILTER_LAPLACE_5  5
+#define KUV_FILTER_GAUSS_3    6
+#define KUV_FILTER_GAUSS_5    7
+#define KUV_FILTER_HIPASS_3   8
+#define KUV_FILTER_HIPASS_5   9
+#define KUV_FILTER_SHARPEN_3 10
+
+KUV_API void kuvMedianFilter(const KuvImage* srcImage, KuvImage* dstImage, int32_t nCols,
+                             int32_t nRows, int32_t anchorX, int32_t anchorY);
+KUV_API void kuvMaxFilter(const KuvImage* srcImage, KuvImage* dstImage, int32_t nCols,
+                          int32_t nRows, int32_t anchorX, int32_t anchorY);
+KUV_API void kuvMinFilter(const KuvImage* srcImage, KuvImage* dstImage, int32_t nCols,
+                          int32_t nRows, int32_t anchorX, int32_t anchorY);
+KUV_API KuvStatus kuvFixedFilter(const KuvImage* srcImage, KuvImage* dstImage, int32_t filter);
+KUV_API void kuvErode(const KuvImage* srcImage, KuvImage* dstImage, int32_t nIterations);
+KUV_API void kuvDilate(const KuvImage* srcImage, KuvImage* dstImage, int32_t nIterations);
+KUV_API void kuvOpen(const KuvImage* srcImage, KuvImage* dstImage, int32_t nIterations);
+KUV_API void kuvClose(const KuvImage* srcImage, KuvImage* dstImage, int32_t nIterations);
+
 /* ------------------------------------------------------------ test images */
 
 KUV_API KuvImage* kuvCreateImageJaehne(uint32_t depth, int32_t width, int32_t height);

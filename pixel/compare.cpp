@@ -22,20 +22,6 @@
 #include <immintrin.h>
 #endif
 
-extern "C" {
-KUV_API KuvStatus kuvLess(const KuvImage* img1, const KuvImage* img2, KuvImage* res);
-KUV_API KuvStatus kuvGreater(const KuvImage* img1, const KuvImage* img2, KuvImage* res);
-KUV_API KuvStatus kuvEqual(const KuvImage* img1, const KuvImage* img2, KuvImage* res);
-KUV_API KuvStatus kuvEqualFPEps(const KuvImage* img1, const KuvImage* img2, KuvImage* res,
-                                float eps);
-KUV_API KuvStatus kuvLessS(const KuvImage* img, int32_t s, KuvImage* res);
-KUV_API KuvStatus kuvGreaterS(const KuvImage* img, int32_t s, KuvImage* res);
-KUV_API KuvStatus kuvEqualS(const KuvImage* img, int32_t s, KuvImage* res);
-KUV_API KuvStatus kuvLessSFP(const KuvImage* img, float s, KuvImage* res);
-KUV_API KuvStatus kuvGreaterSFP(const KuvImage* img, float s, KuvImage* res);
-KUV_API KuvStatus kuvEqualSFP(const KuvImage* img, float s, KuvImage* res);
-KUV_API KuvStatus kuvEqualSFPEps(const KuvImage* img, float s, KuvImage* res, float eps);
-}
 
 namespace kuv {
 namespace {
@@ -307,13 +293,11 @@ template <class T>
 struct PairOperand {
     const T* b;
     ptrdiff_t stride;
-    KUV_INLINE T operator[](ptrdiff_t i) const { return b[i * stride]; }
 };
 
 template <class T>
 struct ScalarOperand {
     T s;
-    KUV_INLINE T operator[](ptrdiff_t) const { return s; }
 };
 
 // One channel's compares over n pixels, each image with stride S (0: the

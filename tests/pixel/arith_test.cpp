@@ -373,7 +373,9 @@ TEST(ArithEdges, ExactValuesAtTheLimits) {
     const uint32_t bits[] = {0x80000000u, 0x7FC00000u, 0xFFC00001u, 0x7F800001u, 0xFF812345u, 0xBF800000u};
     ImagePtr s = makeImage(F32, 1, 6, 1), d = makeImage(F32, 1, 6, 1);
     std::memcpy(s->imageData, bits, sizeof bits);
+    ReportCapture capture;
     kuvAbs(s.get(), d.get());
+    EXPECT_EQ(capture.count(), 0u);
     for (int x = 0; x < 5; ++x) EXPECT_EQ(getBits(d.get(), x, 0, 0), bits[x]) << x;
     EXPECT_EQ(getBits(d.get(), 5, 0, 0), 0x3F800000u);
 }
@@ -425,8 +427,10 @@ TEST(ArithAbs, StaleNegativeStatusStopsItSilently) {
     ImagePtr s = makeImage(KUV_DEPTH_16S, 1, 5, 3), d = makeImage(KUV_DEPTH_16S, 1, 5, 3);
     put(s.get(), 2, 1, 0, -7);
     expectRefused({s.get(), d.get()}, [&] { kuvSetErrStatus(-4), kuvAbs(s.get(), d.get()); }, {}, -4);
+    ReportCapture capture;   // and clears the status
     kuvAbs(s.get(), d.get());
     EXPECT_EQ(get(d.get(), 2, 1, 0), 7);
+    EXPECT_EQ(capture.count(), 0u);
 }
 
 TEST(ArithAbs, UnsignedIsACopyAndOnOneRecordDoesNothing) {
@@ -467,6 +471,25 @@ TEST(ArithAbs, ReleasedTileMustLeaveTileDataNull) {
         kuvSetErrStatus(0);
         kuvSquare(s, d);
         EXPECT_EQ(capture.count(), 0u);
+    }
+}
+
+// A refused second tile request ends the walk with the one-source text; the first tile went back.
+TEST(ArithAbs, FailedTileRequestNamesTheImage) {
+    for (int tiledDst = 0; tiledDst < 2; ++tiledDst) {
+        for (Op op : {SQR, ABS}) {
+            TileStore store(makeImage(KUV_DEPTH_16S, 1, 16, 8), 8, 8);
+            store.failRequest(2);
+            ImagePtr plain = makeImage(KUV_DEPTH_16S, 1, 16, 8);
+            KuvImage *s = tiledDst ? plain.get() : store.image(), *d = tiledDst ? store.image() : plain.get();
+            ReportCapture capture;
+            callOf(op)(s, nullptr, d);
+            EXPECT_TRUE(oneReport(capture, KUV_StsBadArgument, op == SQR ? "kuvSquare" : "kuvAbs",
+                                  tiledDst ? "(dstImage->tileInfo->tileData == ((void*)(0)))"
+                                           : "(srcImage->tileInfo->tileData == ((void*)(0)))", op == SQR ? "kuvsqr" : "kuvabs"));
+            const int mode = tiledDst ? KUV_TILE_WRITE : KUV_TILE_READ;
+            EXPECT_EQ(store.log(), (std::vector<TileStore::Request>{{0, 0, mode}, {0, 0, KUV_TILE_RELEASE}, {1, 0, mode}}));
+        }
     }
 }
 

@@ -11,19 +11,6 @@
 #include <functional>
 #include <limits>
 
-extern "C" {
-KuvStatus kuvLess(const KuvImage* img1, const KuvImage* img2, KuvImage* res);
-KuvStatus kuvGreater(const KuvImage* img1, const KuvImage* img2, KuvImage* res);
-KuvStatus kuvEqual(const KuvImage* img1, const KuvImage* img2, KuvImage* res);
-KuvStatus kuvEqualFPEps(const KuvImage* img1, const KuvImage* img2, KuvImage* res, float eps);
-KuvStatus kuvLessS(const KuvImage* img, int32_t s, KuvImage* res);
-KuvStatus kuvGreaterS(const KuvImage* img, int32_t s, KuvImage* res);
-KuvStatus kuvEqualS(const KuvImage* img, int32_t s, KuvImage* res);
-KuvStatus kuvLessSFP(const KuvImage* img, float s, KuvImage* res);
-KuvStatus kuvGreaterSFP(const KuvImage* img, float s, KuvImage* res);
-KuvStatus kuvEqualSFP(const KuvImage* img, float s, KuvImage* res);
-KuvStatus kuvEqualSFPEps(const KuvImage* img, float s, KuvImage* res, float eps);
-}
 
 namespace kuv {
 bool setCompareWideWorkers(bool enable);   // internal hook: false selects the plain workers

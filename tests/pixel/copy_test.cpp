@@ -14,10 +14,6 @@
 #include <cstring>
 #include <sstream>
 
-// Test hook of the copy family: -1 lets the CPU choose the strided kernels,
-// 0 forces the baseline ones, 1 the vector ones.
-void ownCopySelectPath(int path);
-
 namespace {
 
 using namespace kuvtest;
