@@ -51,7 +51,7 @@ void toBitsWorker(const Job& job) {
         for (; x < job.width && ((off + x) & 7) != 0; ++x) putBit(dp, off + x, sp[x * ps] > 0);
         for (; x + 8 <= job.width; x += 8) {
             unsigned byte = 0;
-            for (int k = 0; k < 8; ++k) byte |= unsigned{sp[(x + k) * ps] != 0} << (7 - k);
+            for (int k = 0; k < 8; ++k) byte |= unsigned{sp[(x + k) * ps] > 0} << (7 - k);
             dp[(off + x) >> 3] = static_cast<uint8_t>(byte);
         }
         for (; x < job.width; ++x) putBit(dp, off + x, sp[x * ps] > 0);

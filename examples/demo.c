@@ -258,10 +258,56 @@ int main(int argc, char** argv)
         return 1;
     writePicture("rgb-add-self-8u", rgbSum);
 
-    /* 4. A deliberate mistake: an 8U and a 16U image cannot be added. The
+    /* 4. More pixelwise operations on the 8-bit test image: the negative,
+          a difference, a shift, a comparison into a bit image, and an
+          addition that only acts where that bit image (as a mask) is set. */
+    printf("\n4. Logic, difference, shift, comparison and a masked addition:\n");
+    {
+        KuvImage* work = kuvCloneImage(gray);
+        KuvImage* bits = newImage(1, KUV_DEPTH_1U, SIZE, SIZE);
+        if (work == NULL || bits == NULL || bits->imageData == NULL)
+            return 1;
+
+        watch = startWatch();
+        kuvNot(gray, work);
+        printTime("kuvNot 8u", watch);
+        writePicture("not-8u", work);
+
+        watch = startWatch();
+        kuvSubtract(gray, work, work);   /* gray - (255 - gray), floored at 0 */
+        printTime("kuvSubtract 8u", watch);
+        writePicture("subtract-8u", work);
+
+        watch = startWatch();
+        kuvRShiftS(gray, work, 2);
+        printTime("kuvRShiftS 8u by 2", watch);
+        writePicture("rshift-8u", work);
+
+        watch = startWatch();
+        kuvLessS(gray, 128, bits);
+        printTime("kuvLessS 8u < 128 into 1u", watch);
+        writePicture("less-128-1u", bits);
+
+        /* The bit image becomes the destination's mask: where it is set the
+           sum is written, elsewhere the destination keeps its value. */
+        kuvSet(work, 0);
+        work->maskROI = bits;
+        watch = startWatch();
+        kuvAdd(gray, gray, work);
+        printTime("kuvAdd 8u under a 1u mask", watch);
+        work->maskROI = NULL;
+        if (!statusIsClear())
+            return 1;
+        writePicture("add-masked-8u", work);
+
+        kuvDeallocate(bits, KUV_IMAGE_ALL);
+        kuvDeallocate(work, KUV_IMAGE_ALL);
+    }
+
+    /* 5. A deliberate mistake: an 8U and a 16U image cannot be added. The
           handler installed above prints the report on stderr, the call
           returns, and the status says what went wrong. */
-    printf("\n4. A deliberate mistake: kuvAdd(8u image, 16u image, 8u image).\n"
+    printf("\n5. A deliberate mistake: kuvAdd(8u image, 16u image, 8u image).\n"
            "   kuvStdErrReport prints (ErrMode KUV_ErrorModeParent, so the call returns):\n");
     fflush(stdout);
     kuvAdd(gray, findImage(jaehne, KUV_DEPTH_16U), framed);

@@ -37,7 +37,7 @@ void runReferenceCases(int nSrc, const std::vector<uint32_t>& depths, uint64_t s
                        const OpFactory& factory);
 void runDifferentialCases(int nSrc, const std::vector<uint32_t>& depths, uint64_t seed,
                           int cases, const OpFactory& factory);
-int guardedRegionFaults(int nSrc, const std::vector<uint32_t>& depths, const OpFactory& factory);
+int guardedRegionFaults(const std::vector<uint32_t>& depths, const OpFactory& factory);
 
 }  // namespace kuvpixel
 
@@ -749,7 +749,7 @@ namespace kuvpixel {
 // (sources, destination and masks). Meant for a child process: a read or a
 // write outside the needed bytes ends it by a fault. Returns the number of
 // reports the operation made, which should be 0.
-int guardedRegionFaults(int nSrc, const std::vector<uint32_t>& depths, const OpFactory& factory) {
+int guardedRegionFaults(const std::vector<uint32_t>& depths, const OpFactory& factory) {
     ReportCapture capture;
     Rng rng(31337);
     for (uint32_t depth : depths) {
@@ -815,7 +815,6 @@ int guardedRegionFaults(int nSrc, const std::vector<uint32_t>& depths, const OpF
                     }
                     // The pixel blocks belong to the guards.
                     for (GuardedImage* g : {&a, &b, &d, &m1, &m2}) g->header->imageData = nullptr;
-                    (void)nSrc;
                 }
             }
         }
@@ -929,8 +928,8 @@ TEST(LogicGuard, RegionsReadAndWriteNoByteOutsideTheirNeededBytes) {
         {
             int reports = 0;
             for (int op = 0; op < 3; ++op) {
-                reports += kuvpixel::guardedRegionFaults(2, logicDepths(), binaryFactory(op));
-                reports += kuvpixel::guardedRegionFaults(1, logicDepths(), constantFactory(op));
+                reports += kuvpixel::guardedRegionFaults(logicDepths(), binaryFactory(op));
+                reports += kuvpixel::guardedRegionFaults(logicDepths(), constantFactory(op));
             }
             std::_Exit(reports == 0 ? 0 : 4);
         },

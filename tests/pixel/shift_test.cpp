@@ -21,7 +21,7 @@ void runReferenceCases(int nSrc, const std::vector<uint32_t>& depths, uint64_t s
                        const OpFactory& factory);
 void runDifferentialCases(int nSrc, const std::vector<uint32_t>& depths, uint64_t seed,
                           int cases, const OpFactory& factory);
-int guardedRegionFaults(int nSrc, const std::vector<uint32_t>& depths, const OpFactory& factory);
+int guardedRegionFaults(const std::vector<uint32_t>& depths, const OpFactory& factory);
 
 }  // namespace kuvpixel
 
@@ -265,8 +265,8 @@ TEST(ShiftGuard, RegionsReadAndWriteNoByteOutsideTheirNeededBytes) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
         {
-            int reports = kuvpixel::guardedRegionFaults(1, shiftDepths(), leftFactory());
-            reports += kuvpixel::guardedRegionFaults(1, shiftDepths(), rightFactory());
+            int reports = kuvpixel::guardedRegionFaults(shiftDepths(), leftFactory());
+            reports += kuvpixel::guardedRegionFaults(shiftDepths(), rightFactory());
             std::_Exit(reports == 0 ? 0 : 4);
         },
         ::testing::ExitedWithCode(0), "");
