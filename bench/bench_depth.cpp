@@ -27,12 +27,12 @@ constexpr float kMin = -1.0f, kMax = 1.0f;
 
 enum class Case { Convert8U16S, Convert16U8U, Scale8U16U, ScaleFP8U32F, MinMax32F };
 
-struct Spec {
+struct Setup {
     uint32_t srcDepth, dstDepth;
     int nCh, cvSrc, cvDst;
 };
 
-Spec specOf(Case c) {
+Setup setupOf(Case c) {
     switch (c) {
         case Case::Convert8U16S: return {KUV_DEPTH_8U, KUV_DEPTH_16S, 3, CV_8UC3, CV_16S};
         case Case::Convert16U8U: return {KUV_DEPTH_16U, KUV_DEPTH_8U, 3, CV_16UC3, CV_8U};
@@ -85,15 +85,15 @@ struct Images {
     bool ok = false;
 
     explicit Images(Case c) {
-        const Spec spec = specOf(c);
-        src = makeImage(spec.srcDepth, spec.nCh);
+        const Setup setup = setupOf(c);
+        src = makeImage(setup.srcDepth, setup.nCh);
         if (src == nullptr || src->imageData == nullptr) return;
         fill(src, 4711u);
-        srcMat = matOf(src, spec.cvSrc);
-        if (spec.dstDepth != 0) {
-            dst = makeImage(spec.dstDepth, spec.nCh);
+        srcMat = matOf(src, setup.cvSrc);
+        if (setup.dstDepth != 0) {
+            dst = makeImage(setup.dstDepth, setup.nCh);
             if (dst == nullptr || dst->imageData == nullptr) return;
-            dstMat = matOf(dst, CV_MAKETYPE(spec.cvDst, spec.nCh));
+            dstMat = matOf(dst, CV_MAKETYPE(setup.cvDst, setup.nCh));
         }
         ok = true;
     }

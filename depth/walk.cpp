@@ -20,7 +20,7 @@ bool vectorOn = haveAvx2;
 
 // One image of the walk with its layout and the tile it holds.
 struct Cursor {
-    const WalkImage* spec = nullptr;
+    const WalkImage* place = nullptr;
     const KuvImage* image = nullptr;
     bool tiled = false;
     int32_t tileW = 0, tileH = 0;
@@ -33,7 +33,7 @@ struct Cursor {
     char* tile = nullptr;
 
     void setUp(const WalkImage& w, int32_t tileMode, const char* text) {
-        spec = &w;
+        place = &w;
         image = w.image;
         mode = tileMode;
         nullText = text;
@@ -53,7 +53,7 @@ struct Cursor {
 
     // Stored row of walk row i.
     int32_t rowOf(int32_t i, int32_t height) const {
-        return spec->flip ? spec->y + height - 1 - i : spec->y + i;
+        return place->flip ? place->y + height - 1 - i : place->y + i;
     }
 
     // Rows from walk row i that stay inside the current tile row.
@@ -61,12 +61,12 @@ struct Cursor {
         if (!tiled) return INT32_MAX;
         const int32_t r = rowOf(i, height);
         const int32_t top = r / tileH * tileH;
-        return spec->flip ? r - top + 1 : top + tileH - r;
+        return place->flip ? r - top + 1 : top + tileH - r;
     }
 
     int32_t spanRoom(int32_t j) const {
         if (!tiled) return INT32_MAX;
-        const int32_t c = spec->x + j;
+        const int32_t c = place->x + j;
         return c / tileW * tileW + tileW - c;
     }
 
@@ -85,7 +85,7 @@ struct Cursor {
     Fetch fetch(int32_t i, int32_t j, int32_t height) {
         if (!tiled) return KEPT;
         const int32_t wantRow = rowOf(i, height) / tileH;
-        const int32_t wantCol = (spec->x + j) / tileW;
+        const int32_t wantCol = (place->x + j) / tileW;
         if (held && wantRow == row && wantCol == col) return KEPT;
         release();
         KuvTileInfo* info = image->tileInfo;
@@ -100,7 +100,7 @@ struct Cursor {
 
     Side sideAt(int32_t i, int32_t j, int32_t height) const {
         int64_t r = rowOf(i, height);
-        int64_t c = spec->x + j;
+        int64_t c = place->x + j;
         char* data = image->imageData;
         if (tiled) {
             r -= int64_t{row} * tileH;
@@ -111,16 +111,16 @@ struct Cursor {
         int64_t offset = r * step;
         Side side{};
         if (plane) {
-            offset += spec->channel * planeStep + c * bits / 8;
+            offset += place->channel * planeStep + c * bits / 8;
             side.chanStep = static_cast<ptrdiff_t>(planeStep);
             side.pixStep = 1;
         } else {
-            offset += (c * image->nChannels + spec->channel) * bits / 8;
+            offset += (c * image->nChannels + place->channel) * bits / 8;
             side.chanStep = bits / 8;
             side.pixStep = image->nChannels;
         }
         side.base = data + offset;
-        side.rowStep = static_cast<ptrdiff_t>(spec->flip ? -step : step);
+        side.rowStep = static_cast<ptrdiff_t>(place->flip ? -step : step);
         side.bitOffset = bits == 1 ? static_cast<int32_t>(c & 7) : 0;
         return side;
     }
