@@ -37,7 +37,9 @@ void fill(KuvImage* image, uint32_t seed) {
     auto next = [&s] { return s = s * 1664525u + 1013904223u; };
     if (image->depth == KUV_DEPTH_32F) {
         auto* p = reinterpret_cast<float*>(image->imageData);
-        for (size_t i = 0; i < size_t(image->imageSize) / 4; ++i) p[i] = float(next() >> 12) / 524.288f - 1000.0f;
+        for (size_t i = 0; i < size_t(image->imageSize) / 4; ++i) {
+            p[i] = float(next() >> 12) / 524.288f - 1000.0f;
+        }
     } else {
         auto* p = reinterpret_cast<uint8_t*>(image->imageData);
         for (int32_t i = 0; i < image->imageSize; ++i) p[i] = uint8_t(next() >> 24);
@@ -53,7 +55,8 @@ struct Images {
         const int cvDepth = depth == KUV_DEPTH_8U ? CV_8U : depth == KUV_DEPTH_16S ? CV_16S : CV_32F;
         for (int i = 0; i < 3; ++i) {
             img[i] = kuvCreateImageHeader(kChannels, 0, depth, "RGB\0", "BGR\0", KUV_DATA_ORDER_PIXEL,
-                                          KUV_ORIGIN_TOP_LEFT, 32, kWidth, kHeight, nullptr, nullptr, 0, nullptr);
+                                          KUV_ORIGIN_TOP_LEFT, 32, kWidth, kHeight, nullptr, nullptr, 0,
+                                          nullptr);
             if (img[i] == nullptr) return;
             if (depth == KUV_DEPTH_32F) kuvAllocateImageFP(img[i], 1, 0.0f);
             else kuvAllocateImage(img[i], 1, 0);

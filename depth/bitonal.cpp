@@ -102,9 +102,10 @@ constexpr Names bitonalNames{"kuvBitonalToGray", "kuvbitnl"};
 
 // ------------------------------------------------------------ min-max
 
-// Eight lanes; compiled to two SSE registers or one AVX register.
-typedef float Lanes __attribute__((vector_size(32)));
-constexpr int kLanes = 8;
+// Lanes of the scan: one SSE register for the baseline, one AVX register
+// where AVX2 runs.
+typedef float Lanes4 __attribute__((vector_size(16)));
+typedef float Lanes8 __attribute__((vector_size(32)));
 
 struct MinMaxState {
     bool any = false;   // some element that is not a NaN was met
@@ -113,8 +114,10 @@ struct MinMaxState {
 
 // x < m ? x : m is "below the minimum becomes the minimum", and passes a NaN
 // by, lane by lane.
+template <class Lanes>
 [[gnu::always_inline]] inline void lanesOfRun(const float* p, ptrdiff_t n, Lanes& lo,
                                               Lanes& hi) {
+    constexpr int kLanes = sizeof(Lanes) / sizeof(float);
     Lanes lo2 = lo, hi2 = hi;
     ptrdiff_t k = 0;
     for (; k + 2 * kLanes <= n; k += 2 * kLanes) {
@@ -155,10 +158,15 @@ float firstZero(const Job& job) {
     return 0.0f;
 }
 
+template <class Lanes>
 [[gnu::always_inline]] inline void minMaxRows(const Job& job) {
+    constexpr int kLanes = sizeof(Lanes) / sizeof(float);
     constexpr float inf = std::numeric_limits<float>::infinity();
-    Lanes lo = {inf, inf, inf, inf, inf, inf, inf, inf};
-    Lanes hi = -lo;
+    Lanes lo, hi;
+    for (int k = 0; k < kLanes; ++k) {
+        lo[k] = inf;
+        hi[k] = -inf;
+    }
     const Side& s = job.src;
     const bool packed = s.pixStep == job.nCh && s.chanStep == ptrdiff_t{sizeof(float)};
     for (int32_t y = 0; y < job.height; ++y) {
@@ -200,13 +208,13 @@ float firstZero(const Job& job) {
     state.max = pieceMax > state.max ? pieceMax : state.max;
 }
 
-void minMaxWorker(const Job& job) { minMaxRows(job); }
+void minMaxWorker(const Job& job) { minMaxRows<Lanes4>(job); }
 
-#if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
-__attribute__((target("avx2"))) void minMaxWorkerAvx2(const Job& job) { minMaxRows(job); }
-constexpr WorkerPair minMaxWorkers{&minMaxWorker, &minMaxWorkerAvx2};
+#ifdef KUV_DEPTH_HAVE_VECTOR_WORKERS
+__attribute__((target("avx2"))) void minMaxWorkerAvx2(const Job& job) { minMaxRows<Lanes8>(job); }
+constexpr WorkerSet minMaxWorkers{{&minMaxWorker, &minMaxWorkerAvx2, nullptr}};
 #else
-constexpr WorkerPair minMaxWorkers{&minMaxWorker, &minMaxWorker};
+constexpr WorkerSet minMaxWorkers{{&minMaxWorker, nullptr, nullptr}};
 #endif
 
 constexpr Names minMaxNames{"kuvMinMaxFP", "kuvmnmxf"};

@@ -18,6 +18,7 @@ struct Saturate {
     using S = SrcT;
     using D = DstT;
     static constexpr bool kDefined = true;
+    static constexpr bool kWideMath = false;
     explicit Saturate(const void*) {}
     D operator()(S v) const {
         constexpr int32_t lo = std::numeric_limits<D>::min();

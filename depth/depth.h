@@ -106,10 +106,15 @@ inline bool badHeader(const KuvImage* image, const Names& names,
 
 // --------------------------------------------------------------- vector paths
 
-// Whether the workers built for AVX2 run; decided once at load from the
-// processor, and switched off by tests to compare with the baseline workers.
-bool useVectorWorkers();
-void setVectorWorkers(bool enable);   // enable takes effect only where AVX2 exists
+// Instruction set levels of the workers.
+enum VectorLevel : int { LEVEL_BASE = 0, LEVEL_AVX2 = 1, LEVEL_AVX512 = 2 };
+constexpr int kVectorLevels = 3;
+
+// The level the workers run at: the processor's, found once at load, or
+// lower where tests ask for it to compare each level with the baseline.
+int vectorLevel();
+int machineVectorLevel();
+void setVectorLevel(int level);   // limited to the processor's level
 
 }  // namespace kuv::depth
 

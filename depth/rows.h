@@ -34,36 +34,48 @@ inline int intIndex(uint32_t depth) {
     }
 }
 
-template <class Op>
-[[gnu::always_inline]] inline void runOf(const Op& op, const typename Op::S* __restrict s,
-                                         typename Op::D* __restrict d, ptrdiff_t n) {
-    for (ptrdiff_t k = 0; k < n; ++k) d[k] = op(s[k]);
-}
-
-template <class Op>
-[[gnu::always_inline]] inline void stridedOf(const Op& op, const typename Op::S* __restrict s,
-                                             ptrdiff_t ps, typename Op::D* __restrict d,
-                                             ptrdiff_t pd, ptrdiff_t n) {
-    for (ptrdiff_t k = 0; k < n; ++k) d[k * pd] = op(s[k * ps]);
-}
+// How a worker moves along a run of elements: the plain loops, which the
+// compiler vectorises for the worker's instruction set.
+struct PlainRuns {
+    template <class Op>
+    [[gnu::always_inline]] static void run(const Op& op, const typename Op::S* __restrict s,
+                                           typename Op::D* __restrict d, ptrdiff_t n) {
+        for (ptrdiff_t k = 0; k < n; ++k) d[k] = op(s[k]);
+    }
+    template <class Op>
+    [[gnu::always_inline]] static void strided(const Op& op, const typename Op::S* __restrict s,
+                                               ptrdiff_t ps, typename Op::D* __restrict d,
+                                               ptrdiff_t pd, ptrdiff_t n) {
+        for (ptrdiff_t k = 0; k < n; ++k) d[k * pd] = op(s[k * ps]);
+    }
+};
 
 // Rows, then channels, then columns. Packed pixels on both sides make a row
 // one run; single elements per pixel on both sides make a channel's row one
 // run; anything else steps through the pixels.
-template <class Op>
-[[gnu::always_inline]] inline void elementRows(const Job& job) {
+// 4-byte elements d[k] = table[s[k]] for k < n (AVX-512 VBMI), in bytetable.cpp.
+void byteTableRun(const uint8_t* s, void* d, ptrdiff_t n, const void* table);
+bool haveByteTableRuns();
+
+template <class Op, class Runs = PlainRuns>
+[[gnu::always_inline]] inline void elementRows(const Job& job, const Op& op) {
     using S = typename Op::S;
     using D = typename Op::D;
-    const Op op(job.param);
     const Side &s = job.src, &d = job.dst;
     const char* sRow = s.base;
     char* dRow = d.base;
     const bool packed = s.pixStep == job.nCh && d.pixStep == job.nCh &&
                         s.chanStep == ptrdiff_t{sizeof(S)} && d.chanStep == ptrdiff_t{sizeof(D)};
     if (packed) {
-        const ptrdiff_t n = ptrdiff_t{job.width} * job.nCh;
-        for (int32_t y = 0; y < job.height; ++y, sRow += s.rowStep, dRow += d.rowStep) {
-            runOf(op, reinterpret_cast<const S*>(sRow), reinterpret_cast<D*>(dRow), n);
+        ptrdiff_t n = ptrdiff_t{job.width} * job.nCh;
+        int32_t rows = job.height;
+        // Rows that follow each other with no padding on both sides are one run.
+        if (s.rowStep == n * ptrdiff_t{sizeof(S)} && d.rowStep == n * ptrdiff_t{sizeof(D)}) {
+            n *= rows;
+            rows = 1;
+        }
+        for (int32_t y = 0; y < rows; ++y, sRow += s.rowStep, dRow += d.rowStep) {
+            Runs::run(op, reinterpret_cast<const S*>(sRow), reinterpret_cast<D*>(dRow), n);
         }
         return;
     }
@@ -71,46 +83,120 @@ template <class Op>
         for (int32_t c = 0; c < job.nCh; ++c) {
             const S* sp = reinterpret_cast<const S*>(sRow + c * s.chanStep);
             D* dp = reinterpret_cast<D*>(dRow + c * d.chanStep);
-            if (s.pixStep == 1 && d.pixStep == 1) runOf(op, sp, dp, job.width);
-            else stridedOf(op, sp, s.pixStep, dp, d.pixStep, job.width);
+            if (s.pixStep == 1 && d.pixStep == 1) Runs::run(op, sp, dp, job.width);
+            else Runs::strided(op, sp, s.pixStep, dp, d.pixStep, job.width);
         }
     }
 }
 
-template <class Op>
-void elementWorker(const Job& job) {
-    elementRows<Op>(job);
-}
-
-#if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
-template <class Op>
-__attribute__((target("avx2"))) void elementWorkerAvx2(const Job& job) {
-    elementRows<Op>(job);
-}
-#define KUV_DEPTH_AVX2(Op) &elementWorkerAvx2<Op>
+// The float maps round the product and the sum each on its own; a fused
+// multiply-add would round once and give other integers at the ties, so no
+// worker lets the compiler contract them, whatever the build's flags.
+#if defined(__GNUC__) && !defined(__clang__)
+#define KUV_DEPTH_SEPARATE_ROUNDING optimize("fp-contract=off")
 #else
-#define KUV_DEPTH_AVX2(Op) &elementWorker<Op>
+#define KUV_DEPTH_SEPARATE_ROUNDING
 #endif
 
-struct WorkerPair {
-    PieceWorker base = nullptr, avx2 = nullptr;
-    PieceWorker pick() const { return useVectorWorkers() ? avx2 : base; }
+template <class Op>
+__attribute__((KUV_DEPTH_SEPARATE_ROUNDING)) void elementWorker(const Job& job) {
+    elementRows(job, Op(job.param));
+}
+
+// The same loop for wider instruction sets. Integer maps move little data
+// per element and run fastest in 128-bit vectors with AVX2's instructions;
+// the double-precision maps of the float scale gain from every lane, and
+// most from AVX-512's conversions.
+#if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
+template <class Op>
+__attribute__((target("avx2,prefer-vector-width=128"), KUV_DEPTH_SEPARATE_ROUNDING)) void
+elementWorkerAvx2Narrow(const Job& job) {
+    elementRows(job, Op(job.param));
+}
+
+template <class Op>
+__attribute__((target("avx2"), KUV_DEPTH_SEPARATE_ROUNDING)) void elementWorkerAvx2(
+    const Job& job) {
+    elementRows(job, Op(job.param));
+}
+
+// A byte source has 256 values: a map into 4-byte elements that is dear per
+// element (the double-precision float maps) becomes a table of 256 results,
+// made by the map itself, looked up 64 elements at a time.
+template <class Op>
+struct ByteTable {
+    using S = typename Op::S;
+    using D = typename Op::D;
+    alignas(64) D table[256];
+    D operator()(S v) const { return table[static_cast<uint8_t>(v)]; }
+};
+
+struct ByteTableRuns : PlainRuns {
+    template <class Op>
+    static void run(const Op& op, const typename Op::S* s, typename Op::D* d, ptrdiff_t n) {
+        byteTableRun(reinterpret_cast<const uint8_t*>(s), d, n, op.table);
+    }
+};
+
+// Below this many elements the table costs more than it saves.
+constexpr int64_t kByteTableMin = 4096;
+
+template <class Op>
+__attribute__((target("avx512f,avx512vl,avx512dq,avx512bw"), KUV_DEPTH_SEPARATE_ROUNDING)) void
+elementWorkerAvx512(const Job& job) {
+    const Op op(job.param);
+    using S = typename Op::S;
+    using D = typename Op::D;
+    if constexpr (sizeof(S) == 1 && sizeof(D) == 4) {
+        if (haveByteTableRuns() && int64_t{job.width} * job.height * job.nCh >= kByteTableMin) {
+            ByteTable<Op> table;
+            for (int v = 0; v < 256; ++v) table.table[v] = op(static_cast<S>(v));
+            elementRows<ByteTable<Op>, ByteTableRuns>(job, table);
+            return;
+        }
+    }
+    elementRows(job, op);
+}
+#define KUV_DEPTH_HAVE_VECTOR_WORKERS 1
+#endif
+
+// A worker per instruction set level; an empty entry falls back to the
+// level below.
+struct WorkerSet {
+    PieceWorker byLevel[kVectorLevels] = {};
+    PieceWorker pick() const {
+        for (int level = vectorLevel(); level > 0; --level) {
+            if (byLevel[level] != nullptr) return byLevel[level];
+        }
+        return byLevel[LEVEL_BASE];
+    }
 };
 
 // A functor that declares kDefined false has no entry: its pair is refused
-// before the table is read.
+// before the table is read. One that declares kWideMath computes in double.
 template <class Op>
-constexpr WorkerPair workersOf() {
-    if constexpr (Op::kDefined) return WorkerPair{&elementWorker<Op>, KUV_DEPTH_AVX2(Op)};
-    else return WorkerPair{};
+constexpr WorkerSet workersOf() {
+    if constexpr (!Op::kDefined) {
+        return WorkerSet{};
+    } else {
+#ifdef KUV_DEPTH_HAVE_VECTOR_WORKERS
+        if constexpr (Op::kWideMath) {
+            return WorkerSet{{&elementWorker<Op>, &elementWorkerAvx2<Op>, &elementWorkerAvx512<Op>}};
+        } else {
+            return WorkerSet{{&elementWorker<Op>, &elementWorkerAvx2Narrow<Op>, nullptr}};
+        }
+#else
+        return WorkerSet{{&elementWorker<Op>, nullptr, nullptr}};
+#endif
+    }
 }
 
 // table[source][destination] over the integer element types.
 template <template <class, class> class Op>
-using PairTable = std::array<std::array<WorkerPair, kIntDepths>, kIntDepths>;
+using PairTable = std::array<std::array<WorkerSet, kIntDepths>, kIntDepths>;
 
 template <template <class, class> class Op, class S, size_t... I>
-constexpr std::array<WorkerPair, kIntDepths> rowOfTable(std::index_sequence<I...>) {
+constexpr std::array<WorkerSet, kIntDepths> rowOfTable(std::index_sequence<I...>) {
     return {workersOf<Op<S, std::tuple_element_t<I, IntTypes>>>()...};
 }
 
@@ -127,12 +213,12 @@ constexpr PairTable<Op> pairTable() {
 
 // table[i]: Op<type i> for one-sided families (float on the other side).
 template <template <class> class Op, size_t... I>
-constexpr std::array<WorkerPair, kIntDepths> sideTable(std::index_sequence<I...>) {
+constexpr std::array<WorkerSet, kIntDepths> sideTable(std::index_sequence<I...>) {
     return {workersOf<Op<std::tuple_element_t<I, IntTypes>>>()...};
 }
 
 template <template <class> class Op>
-constexpr std::array<WorkerPair, kIntDepths> sideTable() {
+constexpr std::array<WorkerSet, kIntDepths> sideTable() {
     return sideTable<Op>(std::make_index_sequence<kIntDepths>{});
 }
 

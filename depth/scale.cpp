@@ -22,6 +22,7 @@ struct RangeMap {
     using S = SrcT;
     using D = DstT;
     static constexpr bool kDefined = !std::is_same_v<S, D>;
+    static constexpr bool kWideMath = false;
     explicit RangeMap(const void*) {}
 
     static int32_t wrap(uint32_t x) { return static_cast<int32_t>(x); }
@@ -74,6 +75,7 @@ struct IntToFloat {
     using S = SrcT;
     using D = float;
     static constexpr bool kDefined = true;
+    static constexpr bool kWideMath = true;
     double s, b;
     explicit IntToFloat(const void* p)
         : s(static_cast<const FloatMap*>(p)->s), b(static_cast<const FloatMap*>(p)->b) {}
@@ -91,6 +93,7 @@ struct FloatToInt {
     using S = float;
     using D = DstT;
     static constexpr bool kDefined = true;
+    static constexpr bool kWideMath = true;
     FloatMap m;
     explicit FloatToInt(const void* p) : m(*static_cast<const FloatMap*>(p)) {}
     D operator()(float v) const {

@@ -6,17 +6,20 @@
 namespace kuv::depth {
 namespace {
 
-bool detectAvx2() {
+int detectLevel() {
 #if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
     __builtin_cpu_init();
-    return __builtin_cpu_supports("avx2") != 0;
-#else
-    return false;
+    if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512vl") &&
+        __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512bw")) {
+        return LEVEL_AVX512;
+    }
+    if (__builtin_cpu_supports("avx2")) return LEVEL_AVX2;
 #endif
+    return LEVEL_BASE;
 }
 
-const bool haveAvx2 = detectAvx2();
-bool vectorOn = haveAvx2;
+const int machineLevel = detectLevel();
+int currentLevel = machineLevel;
 
 // One image of the walk with its layout and the tile it holds.
 struct Cursor {
@@ -128,9 +131,13 @@ struct Cursor {
 
 }  // namespace
 
-bool useVectorWorkers() { return vectorOn; }
+int vectorLevel() { return currentLevel; }
 
-void setVectorWorkers(bool enable) { vectorOn = enable && haveAvx2; }
+int machineVectorLevel() { return machineLevel; }
+
+void setVectorLevel(int level) {
+    currentLevel = level < LEVEL_BASE ? LEVEL_BASE : level > machineLevel ? machineLevel : level;
+}
 
 bool runWalk(const Walk& walk, PieceWorker worker, const void* param, void* state) {
     Cursor src, dst;

@@ -10,6 +10,7 @@
 #include <cfenv>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <functional>
 #include <limits>
 #include <map>
@@ -51,8 +52,8 @@ void expectRow(uint32_t srcDepth, uint32_t dstDepth, const std::vector<double>& 
     std::vector<double> refs;
     for (double v : values) refs.push_back(ref(v));
     ImagePtr src = rowOf(srcDepth, values), want = rowOf(dstDepth, refs);
-    for (bool vector : {true, false}) {
-        kuv::depth::setVectorWorkers(vector);
+    for (int level = kuv::depth::machineVectorLevel(); level >= 0; --level) {
+        kuv::depth::setVectorLevel(level);
         ImagePtr dst = makeImage(dstDepth, 1, int(values.size()), 1);
         ReportCapture capture;
         EXPECT_EQ(op(src.get(), dst.get()), KUV_StsNoError);
@@ -60,11 +61,11 @@ void expectRow(uint32_t srcDepth, uint32_t dstDepth, const std::vector<double>& 
         for (size_t i = 0, bad = 0; i < values.size() && bad < 5; ++i) {
             if (getBits(dst.get(), int(i), 0, 0) == getBits(want.get(), int(i), 0, 0)) continue;
             ADD_FAILURE() << depthName(srcDepth) << " " << values[i] << " -> " << depthName(dstDepth) << ": "
-                          << get(dst.get(), int(i), 0, 0) << ", want " << refs[i] << (vector ? " (vector)" : "");
+                          << get(dst.get(), int(i), 0, 0) << ", want " << refs[i] << " at level " << level;
             ++bad;
         }
     }
-    kuv::depth::setVectorWorkers(true);
+    kuv::depth::setVectorLevel(kuv::depth::machineVectorLevel());
 }
 
 // The integer maps as written, in 64 bits (their results are exact there).
@@ -128,11 +129,29 @@ Op scaleFP(float lo, float hi) {
 
 TEST(ScaleFPValues, EveryIntegerValueToFloatRoundedOnce) {
     for (uint32_t s : kInt) {
+        std::vector<double> v = valuesOf(s);
+        for (size_t i = 0; v.size() < 17 * 256 + 5; ++i) v.push_back(v[i * 7 % 256]);   // long enough for a table of bytes
         for (auto [lo, hi] : kRanges) {
             const auto [a, b] = floatMap(s, lo, hi, true);
-            expectRow(s, KUV_DEPTH_32F, valuesOf(s), scaleFP(lo, hi), [a = a, b = b](double v) { return double(float(a * v + b)); });
+            expectRow(s, KUV_DEPTH_32F, v, scaleFP(lo, hi), [a = a, b = b](double v) { return double(float(a * v + b)); });
         }
     }
+}
+
+TEST(ScaleFPValues, LargeByteImagesGiveTheSameFloatsAtEveryLevel) {
+    // Rows without padding make one run of more than 8 MiB of floats.
+    ImagePtr src = makeImage(KUV_DEPTH_8S, 3, 1032, 701), want = makeImage(KUV_DEPTH_32F, 3, 1032, 701);
+    fillRandom(src.get(), 5);
+    kuv::depth::setVectorLevel(0);
+    EXPECT_EQ(kuvScaleFP(src.get(), want.get(), -0.75f, 3.0f), 0);
+    for (int level = 1; level <= kuv::depth::machineVectorLevel(); ++level) {
+        kuv::depth::setVectorLevel(level);
+        ImagePtr got = makeLike(want.get());
+        EXPECT_EQ(kuvScaleFP(src.get(), got.get(), -0.75f, 3.0f), 0);
+        EXPECT_EQ(std::memcmp(got->imageData, want->imageData, size_t(want->imageSize)), 0) << "level " << level;
+    }
+    const auto [a, b] = floatMap(KUV_DEPTH_8S, -0.75f, 3.0f, true);
+    EXPECT_EQ(get(want.get(), 1031, 700, 2), float(a * get(src.get(), 1031, 700, 2) + b));
 }
 
 TEST(ScaleFPValues, FloatToIntegerWithLimitsTiesNaNAndInfinities) {
@@ -257,7 +276,9 @@ TEST(MinMaxValues, ChannelsRegionsNaNsInfinitiesAndSignedZeros) {
     const struct { int ch, order, alpha, coi, x, y; } cases[] = {
         {1, 0, 0, 0, 0, 0}, {3, 0, 0, 0, 2, 1}, {3, 1, 0, 0, 0, 0}, {4, 0, 4, 0, 1, 0}, {4, 1, 4, 4, 3, 2}, {3, 0, 0, 2, 0, 3}};
     Rng rng(11);
+    for (int level = 0; level <= kuv::depth::machineVectorLevel(); ++level)
     for (const auto& t : cases) {
+        kuv::depth::setVectorLevel(level);
         ImagePtr image = makeImage(KUV_DEPTH_32F, t.ch, 45, 6, t.order, t.alpha);
         fillRandomRange(image.get(), uint64_t(t.ch * 10 + t.coi), -100, 100);
         if (t.x + t.y + t.coi) setRoi(image.get(), t.coi, t.x, t.y, 99, 99);
