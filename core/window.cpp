@@ -239,6 +239,7 @@ int64_t alignedRow(int64_t rowBytes, int64_t align) {
 // What the readers need of an image, in 64 bits.
 struct Source {
     const KuvImage* image;
+    const KuvImage* owner;   // the record the tile procedure is given
     int64_t width, height;
     int nChannels;
     bool pixelOrder;
@@ -266,6 +267,7 @@ bool describe(const KuvImage* image, Source* s) {
     if (element == 0 && image->nChannels != 1) return false;
     *s = Source{};
     s->image = image;
+    s->owner = image;
     s->width = image->width;
     s->height = image->height;
     s->nChannels = image->nChannels;
@@ -313,7 +315,7 @@ void releaseTiles(const Source& s, char* const* granted, int64_t count, int64_t 
                   int64_t row) {
     for (int64_t i = count - 1; i >= 0; --i) {
         s.tiles->tileData = granted[i];
-        s.tiles->callBack(s.image, static_cast<int32_t>(firstCol + i), static_cast<int32_t>(row),
+        s.tiles->callBack(s.owner, static_cast<int32_t>(firstCol + i), static_cast<int32_t>(row),
                           KUV_TILE_RELEASE);
     }
 }
@@ -359,7 +361,7 @@ bool readRect(const Source& s, const Window& w, int64_t sx, bool backX, int64_t 
     if (!table) return false;   // as a failed request: nothing is held yet
     for (int64_t u = yLow / s.tileHeight; u <= yHigh / s.tileHeight; ++u) {
         for (int64_t t = 0; t < count; ++t) {
-            s.tiles->callBack(s.image, static_cast<int32_t>(firstCol + t),
+            s.tiles->callBack(s.owner, static_cast<int32_t>(firstCol + t),
                               static_cast<int32_t>(u), KUV_TILE_READ);
             table.get()[t] = s.tiles->tileData;
             if (table.get()[t] == nullptr) {
@@ -727,13 +729,13 @@ bool readLine(const LineSource& ls, int64_t y, int64_t from, int dir, int64_t n,
         const int64_t t = from / s.tileWidth;
         const int64_t left = t * s.tileWidth;
         const int64_t len = std::min(n, dir > 0 ? left + s.tileWidth - from : from - left + 1);
-        s.tiles->callBack(s.image, static_cast<int32_t>(t), static_cast<int32_t>(u), KUV_TILE_READ);
+        s.tiles->callBack(s.owner, static_cast<int32_t>(t), static_cast<int32_t>(u), KUV_TILE_READ);
         char* tile = s.tiles->tileData;
         if (tile == nullptr) return false;
         const char* row = tile + ls.plane * s.tilePlaneBytes + (y - u * s.tileHeight) * s.tileStep;
         copyLineRun(row, ls, from - left, dir, buffer, to, len);
         s.tiles->tileData = tile;
-        s.tiles->callBack(s.image, static_cast<int32_t>(t), static_cast<int32_t>(u),
+        s.tiles->callBack(s.owner, static_cast<int32_t>(t), static_cast<int32_t>(u),
                           KUV_TILE_RELEASE);
         from += dir * len;
         to += len;
@@ -761,9 +763,15 @@ void fillLineConstant(const Source& s, char* buffer, int64_t at, int64_t n, cons
 
 char* ownCopyWindow(const KuvImage* image, int32_t x, int32_t y, int32_t width, int32_t height,
                     int32_t* step) {
-    if (image == nullptr || width < 1 || height < 1) return nullptr;
+    return ownCopyWindowAs(image, image, x, y, width, height, step);
+}
+
+char* ownCopyWindowAs(const KuvImage* image, const KuvImage* owner, int32_t x, int32_t y,
+                      int32_t width, int32_t height, int32_t* step) {
+    if (image == nullptr || owner == nullptr || width < 1 || height < 1) return nullptr;
     Source s;
     if (!describe(image, &s)) return nullptr;
+    s.owner = owner;
 
     const int64_t rowBytes = s.bits ? (int64_t{width} + 7) / 8 : width * s.unit;
     const int64_t windowStep = alignedRow(rowBytes, image->align);

@@ -160,6 +160,11 @@ void ownCopyBits(const uint8_t* src, uint8_t* dst, int32_t offSrc, int32_t offDs
 // bytes apart, or null. Tiled images are read tile row by tile row.
 char* ownCopyWindow(const KuvImage* image, int32_t x, int32_t y, int32_t width, int32_t height,
                     int32_t* step);
+// The same, read through a working header (its border settings, layout and
+// tile info) while the tile procedure is handed `owner`, the application's
+// record that the working header was copied from.
+char* ownCopyWindowAs(const KuvImage* image, const KuvImage* owner, int32_t x, int32_t y,
+                      int32_t width, int32_t height, int32_t* step);
 void ownFreeWindow(char* window);
 
 // count elements of channel `channel` (from 1) of row y from column x on,
