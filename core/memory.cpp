@@ -9,6 +9,8 @@ namespace {
 // Outstanding blocks, so that tests can prove that no call leaves one
 // behind. Relaxed: a count, not a synchronisation.
 std::atomic<long> outstanding{0};
+// Every block ever made, so that a test can prove that a call made none.
+std::atomic<long> made{0};
 
 // A block is the requested bytes plus room to align the start to 32 bytes
 // with the block's own start stored in the word just below it, and at least
@@ -25,6 +27,7 @@ void* allocFamily(int64_t bytes) {
     auto aligned = (reinterpret_cast<uintptr_t>(block) + startOffset) & ~static_cast<uintptr_t>(31);
     reinterpret_cast<void**>(aligned)[-1] = block;
     outstanding.fetch_add(1, std::memory_order_relaxed);
+    made.fetch_add(1, std::memory_order_relaxed);
     return reinterpret_cast<void*>(aligned);
 }
 
@@ -32,7 +35,10 @@ void* allocFamily(int64_t bytes) {
 
 void* ownImageBlockAlloc(size_t bytes) {
     void* block = std::malloc(bytes);
-    if (block != nullptr) outstanding.fetch_add(1, std::memory_order_relaxed);
+    if (block != nullptr) {
+        outstanding.fetch_add(1, std::memory_order_relaxed);
+        made.fetch_add(1, std::memory_order_relaxed);
+    }
     return block;
 }
 
@@ -43,6 +49,8 @@ void ownImageBlockFree(void* block) {
 }
 
 long ownOutstandingBlocks() { return outstanding.load(std::memory_order_relaxed); }
+
+long ownBlocksMade() { return made.load(std::memory_order_relaxed); }
 
 extern "C" {
 

@@ -94,6 +94,30 @@ void ownPlatformFatalExit(const char* text) {
     std::exit(1);
 }
 
+namespace {
+
+unsigned readCpuFeatures() {
+    unsigned f = 0;
+#if defined(__GNUC__) && (defined(__i386__) || defined(__x86_64__))
+    __builtin_cpu_init();
+    if (__builtin_cpu_supports("avx2")) f |= OWN_CPU_AVX2;
+    if (__builtin_cpu_supports("fma")) f |= OWN_CPU_FMA;
+    if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+        __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512dq")) {
+        f |= OWN_CPU_AVX512;
+        if (__builtin_cpu_supports("avx512vbmi")) f |= OWN_CPU_AVX512VBMI;
+    }
+#endif
+    return f;
+}
+
+}  // namespace
+
+unsigned ownPlatformCpuFeatures() {
+    static const unsigned features = readCpuFeatures();
+    return features;
+}
+
 uint64_t ownPlatformCycleCounter() {
 #if defined(__i386__) || defined(__x86_64__)
     return __rdtsc();

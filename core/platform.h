@@ -33,6 +33,16 @@ int ownPlatformMessageBox(const char* text, const char* caption, uint32_t type);
 // The processor's time-stamp counter, or the nearest monotonic tick source.
 uint64_t ownPlatformCycleCounter();
 
+// Instruction-set extensions of this processor that the vector workers use,
+// read once. Each bit names a set the operating system also saves.
+enum OwnCpuFeature : unsigned {
+    OWN_CPU_AVX2 = 1u,
+    OWN_CPU_FMA = 2u,
+    OWN_CPU_AVX512 = 4u,        // F, BW, VL and DQ together
+    OWN_CPU_AVX512VBMI = 8u,    // with OWN_CPU_AVX512
+};
+unsigned ownPlatformCpuFeatures();
+
 // Sets the floating-point rounding to nearest (ties to even) for the life of
 // the object and puts the caller's mode back after, on every path.
 class OwnRoundNearest {

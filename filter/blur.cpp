@@ -327,10 +327,7 @@ int forcedPath = -1;
 
 bool vectorPath() {
 #ifdef KUV_BLUR_HAVE_AVX2
-    static const bool has = [] {
-        __builtin_cpu_init();
-        return __builtin_cpu_supports("avx2") != 0;
-    }();
+    const bool has = (ownPlatformCpuFeatures() & OWN_CPU_AVX2) != 0;
     return forcedPath < 0 ? has : forcedPath == 1 && has;
 #else
     return false;

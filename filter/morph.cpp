@@ -11,6 +11,7 @@
 // no further: rows beyond are clamped to those, columns beyond are spread
 // from them. Inside the image those are true pixels, also outside the
 // region; at the image's edge they come from its border settings.
+#include "core/platform.h"
 #include "filter/morph.h"
 
 #include <algorithm>
@@ -146,17 +147,7 @@ namespace {
 
 int forcedPath = -1;
 
-bool cpuHasAvx2() {
-#if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
-    static const bool has = [] {
-        __builtin_cpu_init();
-        return __builtin_cpu_supports("avx2") != 0;
-    }();
-    return has;
-#else
-    return false;
-#endif
-}
+bool cpuHasAvx2() { return (ownPlatformCpuFeatures() & OWN_CPU_AVX2) != 0; }
 
 OwnMorphSet chooseWorkers() {
     OwnMorphSet set{ownMorphMin, ownMorphMax, ownMorphMinRows, ownMorphMaxRows};

@@ -6,6 +6,7 @@
 // source, are read through a window that the border rules fill
 // (ownCopyWindow). A tiled destination is written tile by tile. Coordinates
 // are worked out in 64 bits, so regions near the 32-bit limits cannot wrap.
+#include "core/platform.h"
 #include "filter/nlf.h"
 
 #include <algorithm>
@@ -192,12 +193,8 @@ void runPass(Pass& p) {
 int32_t coiOf(const KuvImage* image) { return image->roi != nullptr ? image->roi->coi : 0; }
 
 bool cpuHasVector() {
-#if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
-    __builtin_cpu_init();
-    return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
-#else
-    return false;
-#endif
+    const unsigned need = OWN_CPU_AVX2 | OWN_CPU_FMA;
+    return (ownPlatformCpuFeatures() & need) == need;
 }
 
 const bool haveVector = cpuHasVector();

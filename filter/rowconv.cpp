@@ -3,6 +3,7 @@
 // AVX2. Pixels to floats vectorise by themselves; floats to pixels take
 // explicit blocks there (the compiler turns the clamps of the element
 // function into branches), and finish a row with the element function.
+#include "core/platform.h"
 #include "filter/rowconv.h"
 
 #include <type_traits>
@@ -21,8 +22,8 @@ namespace {
 
 bool processorHasVector() {
 #if KUV_ROWCONV_X86
-    __builtin_cpu_init();
-    return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
+    const unsigned need = OWN_CPU_AVX2 | OWN_CPU_FMA;
+    return (ownPlatformCpuFeatures() & need) == need;
 #else
     return false;
 #endif

@@ -11,6 +11,7 @@
 //
 // The sums are exact modulo 2^32, so that any grouping of the products gives
 // the same result: the 16-bit path for 8-bit images below relies on it.
+#include "core/platform.h"
 #include "filter/sep_rows.h"
 
 #include <algorithm>
@@ -224,11 +225,7 @@ int forcedPath = -1;
 
 bool cpuHasAvx2() {
 #ifdef KUV_SEP_HAVE_AVX2
-    static const bool has = [] {
-        __builtin_cpu_init();
-        return __builtin_cpu_supports("avx2") != 0;
-    }();
-    return has;
+    return (ownPlatformCpuFeatures() & OWN_CPU_AVX2) != 0;
 #else
     return false;
 #endif

@@ -76,6 +76,10 @@ void ownImageBlockFree(void* block);
 
 // Blocks of the kuvMalloc family and pixel blocks that are still outstanding.
 long ownOutstandingBlocks();
+// Blocks made since load, freed or not: the library allocates through
+// nothing else on the way of a call that reports nothing, so an unchanged
+// count proves such a call allocated nothing.
+long ownBlocksMade();
 
 // ------------------------------------------------------------- regions
 

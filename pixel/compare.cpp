@@ -9,6 +9,7 @@
 // result under the mask. Each worker exists twice, built for the baseline
 // and for AVX2; the AVX2 one packs thirty-two flags with one movemask and is
 // taken where the processor has it.
+#include "core/platform.h"
 #include "kuv_own.h"
 
 #include <algorithm>
@@ -469,10 +470,7 @@ KUV_AVX2 void compareWorkerAvx2(const Geometry& g, const Constant& k) {
     compareRows<D, Cmp, IsScalar, true>(g, k);
 }
 
-const bool avx2Available = [] {
-    __builtin_cpu_init();
-    return __builtin_cpu_supports("avx2") != 0;
-}();
+const bool avx2Available = (ownPlatformCpuFeatures() & OWN_CPU_AVX2) != 0;
 #else
 const bool avx2Available = false;
 #endif
