@@ -47,6 +47,14 @@ OwnHeaderFields fieldsOf(const KuvImage* image) {
                            false,            true};
 }
 
+// The four bytes of a text field, zero after the text's end; the field is
+// not a string and takes no terminator of its own.
+void copyText4(char (&field)[4], const char* text) {
+    size_t i = 0;
+    for (; i < 4 && text[i] != '\0'; ++i) field[i] = text[i];
+    for (; i < 4; ++i) field[i] = '\0';
+}
+
 // The word that fills a new image: the fill value repeated to 32 bits.
 uint32_t fillWord(uint32_t depth, int32_t value) {
     const auto v = static_cast<uint32_t>(value);
@@ -187,8 +195,8 @@ KUV_API KuvImage* kuvCreateImageHeader(int32_t nChannels, int32_t alphaChannel, 
     image->depth = depth;
     // Up to 4 bytes, stopping at a terminator: a shorter text such as "G"
     // is padded with zeros instead of being read past its end.
-    std::strncpy(image->colorModel, colorModel, 4);
-    std::strncpy(image->channelSeq, channelSeq, 4);
+    copyText4(image->colorModel, colorModel);
+    copyText4(image->channelSeq, channelSeq);
     image->dataOrder = dataOrder;
     image->origin = origin;
     image->align = align;

@@ -75,7 +75,7 @@ View viewOf(const KuvImage* image, char* base, ptrdiff_t step, int64_t rows, int
     const bool planes = image->dataOrder == KUV_DATA_ORDER_PLANE;
     const int samples = planes ? 1 : image->nChannels;
     const int bits = ownDepthBits(image->depth);
-    View v{base + y * step, step, step * rows, 0, samples, planes};
+    View v{base + y * step, step, static_cast<ptrdiff_t>(step * rows), 0, samples, planes};
     if (bits == 1) v.bit = x;
     else v.data += x * samples * (bits / 8);
     return v;

@@ -93,7 +93,7 @@ bool windowBlock(Pass& p, const Buffer& dst, int64_t ox, int64_t oy, int64_t bx,
         p.stopped = true;
         return false;
     }
-    const Buffer src{window, step, ptrdiff_t{step} * wh};
+    const Buffer src{window, step, static_cast<ptrdiff_t>(int64_t{step} * wh)};
     const bool ok = callWorker(p, src, 0, 0, dst, ox, oy, bx, by, bw, bh);
     ownFreeWindow(window);
     return ok;
@@ -157,7 +157,8 @@ void runDestinationTiles(Pass& p) {
     KuvTileInfo* tiles = p.dst->tileInfo;
     const int64_t tw = tiles->width, th = tiles->height;
     const int64_t tileStep = ownTileRowBytes(p.dst);
-    const Buffer none{nullptr, tileStep, tileStep * th};
+    const Buffer none{nullptr, static_cast<ptrdiff_t>(tileStep),
+                      static_cast<ptrdiff_t>(tileStep * th)};
     for (int64_t row = p.dy / th; row * th < p.dy + p.height; ++row) {
         const int64_t y0 = std::max(p.dy, row * th), y1 = std::min(p.dy + p.height, (row + 1) * th);
         for (int64_t col = p.dx / tw; col * tw < p.dx + p.width; ++col) {

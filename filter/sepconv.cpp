@@ -216,7 +216,7 @@ char* windowOf(const Engine& e, int64_t bx, int64_t by, int64_t bw, int64_t bh, 
     int32_t step = 0;
     char* window = ownCopyWindow(e.src, static_cast<int32_t>(x), static_cast<int32_t>(y),
                                  static_cast<int32_t>(w), static_cast<int32_t>(h), &step);
-    *s = SrcView{window, step, ptrdiff_t{step} * h};
+    *s = SrcView{window, step, static_cast<ptrdiff_t>(int64_t{step} * h)};
     return window;
 }
 

@@ -936,7 +936,9 @@ void composeMaskedBits(const KuvImage* src, KuvImage* dst, const Frame& f) {
     t.image = kuvCreateImageHeader(1, 0, KUV_DEPTH_1U, kGray, kSeqG, mask->dataOrder,
                                    mask->origin, mask->align, f.width, f.height, nullptr, nullptr,
                                    0, nullptr);
-    if (t.image != nullptr) kuvAllocateImage(t.image, 0, 0);
+    // Cleared, padding included: the flat path of the final kuvOr may OR t's
+    // row padding into the destination's, which must stay as it was.
+    if (t.image != nullptr) kuvAllocateImage(t.image, 1, 0);
     if (t.image == nullptr || t.image->imageData == nullptr) {
         if (!failed()) report(KUV_StsOutOfMemory, func, "Out of memory", __LINE__);
         else report(KUV_StsBacktrace, func, "", __LINE__);

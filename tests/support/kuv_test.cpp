@@ -22,12 +22,6 @@ const std::vector<uint32_t>& allDepths() {
     return depths;
 }
 
-const std::vector<uint32_t>& arithDepths() {
-    static const std::vector<uint32_t> depths = {KUV_DEPTH_8U,  KUV_DEPTH_8S,  KUV_DEPTH_16U,
-                                                 KUV_DEPTH_16S, KUV_DEPTH_32S, KUV_DEPTH_32F};
-    return depths;
-}
-
 std::string depthName(uint32_t depth) {
     switch (depth) {
         case KUV_DEPTH_1U: return "1U";
@@ -312,17 +306,6 @@ void put(KuvImage* image, int x, int y, int c, double v) {
     }
 }
 
-bool inRegion(const KuvImage* image, int x, int y, int c) {
-    const KuvROI* roi = image->roi;
-    if (roi != nullptr) {
-        const int64_t xEnd = std::min<int64_t>(int64_t{roi->xOffset} + roi->width, image->width);
-        const int64_t yEnd = std::min<int64_t>(int64_t{roi->yOffset} + roi->height, image->height);
-        if (x < roi->xOffset || x >= xEnd || y < roi->yOffset || y >= yEnd) return false;
-        if (roi->coi > 0) return c == roi->coi - 1;
-    }
-    return image->alphaChannel == 0 || c != image->alphaChannel - 1;
-}
-
 // ------------------------------------------------------------------ random
 
 int64_t Rng::uniform(int64_t lo, int64_t hi) {
@@ -489,15 +472,6 @@ std::vector<uint8_t> elementBits(const KuvImage* layout) {
 void expectUnchangedExcept(const Snapshot& before, const KuvImage* image,
                            const ElementPredicate& mayChange, Padding padding) {
     EXPECT_TRUE(unchangedExcept(before, image, mayChange, padding));
-}
-
-bool paddingChanged(const Snapshot& before, const KuvImage* image) {
-    const std::vector<uint8_t> covered = elementBits(&before.header);
-    const auto* now = reinterpret_cast<const uint8_t*>(image->imageData);
-    for (size_t i = 0; i < covered.size(); ++i) {
-        if (((before.bytes[i] ^ now[i]) & ~covered[i]) != 0) return true;
-    }
-    return false;
 }
 
 RefusalGuard::RefusalGuard(const KuvImage* a, const KuvImage* b, const KuvImage* c) {
@@ -707,7 +681,6 @@ void TileStore::callBack(const KuvImage* image, int32_t col, int32_t row, int32_
     }
     store.log_.push_back(Request{col, row, mode});
     allCalls().push_back(Call{store.id_, Request{col, row, mode}});
-    store.blocksAt_.push_back(ownOutstandingBlocks());
     if (mode == KUV_TILE_RELEASE) {
         store.giveBack();
     } else {

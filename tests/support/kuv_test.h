@@ -27,8 +27,6 @@ namespace kuvtest {
 
 // All seven depths, in the order 1U, 8U, 8S, 16U, 16S, 32S, 32F.
 const std::vector<uint32_t>& allDepths();
-// The six depths of the arithmetic family (all but 1U).
-const std::vector<uint32_t>& arithDepths();
 // "8U", "16S", "32F", ... ; "depth 0x..." for an unknown value.
 std::string depthName(uint32_t depth);
 // Bits per element: the depth without its sign bit.
@@ -77,9 +75,6 @@ double get(const KuvImage* image, int x, int y, int c);
 void put(KuvImage* image, int x, int y, int c, double v);
 // Raw bits of element (x, y, c) (for 32F the float's bit pattern), for exact comparisons.
 uint32_t getBits(const KuvImage* image, int x, int y, int c);
-// True when element (x, y, c) lies in the clipped region of `image` and in its channel plan's channels.
-// (Region offsets/sizes from image->roi, or the whole image; coi selects one channel; the alpha channel is out unless named by coi.)
-bool inRegion(const KuvImage* image, int x, int y, int c);
 
 // ------------------------------------------------------------------ random
 
@@ -129,8 +124,6 @@ enum class Padding { MustStay, MayChange };
 // EXPECT_TRUE(unchangedExcept(...)) in one call.
 void expectUnchangedExcept(const Snapshot& before, const KuvImage* image,
                            const ElementPredicate& mayChange, Padding padding = Padding::MustStay);
-// True when some padding byte of image differs from the snapshot.
-bool paddingChanged(const Snapshot& before, const KuvImage* image);
 
 // Snapshots up to three images (any may be null): pixels, headers, roi and tile records, mask headers.
 // intact() then tells whether a refused call left all of it byte-identical.
@@ -219,7 +212,6 @@ public:
     const std::vector<Request>& log() const { return log_; }
     void clearLog() {
         log_.clear();
-        blocksAt_.clear();
     }
     // Requests of all stores in the order they were made, each with its store's id().
     struct Call {
@@ -233,9 +225,6 @@ public:
     int32_t id() const { return id_; }
     // The k-th READ or WRITE request from now (1-based) leaves tileData null; 0 for none.
     void failRequest(int k);
-    // ownOutstandingBlocks() as the store saw it at each of its requests, in log order:
-    // what an operation holds in temporaries while it walks.
-    const std::vector<long>& blocksAtRequests() const { return blocksAt_; }
     // Tiles granted and not yet released.
     int held() const { return static_cast<int>(held_.size()); }
     // Faults the store saw: a release of a tile it never gave, a tile buffer written
@@ -263,7 +252,6 @@ private:
     std::vector<Request> log_;
     std::vector<std::unique_ptr<Held>> held_;
     std::vector<std::string> faults_;
-    std::vector<long> blocksAt_;
     int failAt_ = 0;
     int requests_ = 0;
 };
