@@ -5,6 +5,7 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <cfenv>
 #include <cstdio>
 #include <cstdlib>
@@ -111,11 +112,22 @@ unsigned readCpuFeatures() {
     return f;
 }
 
+// Read on first use, as other files' load-time initialisers ask before this
+// file's would run. No function-local static: its guard would tie the
+// static library to the C++ runtime, which a C program does not link. Two
+// threads that race here store the same word.
+constexpr unsigned featuresKnown = 1u << 31;
+std::atomic<unsigned> featureWord{0};
+
 }  // namespace
 
 unsigned ownPlatformCpuFeatures() {
-    static const unsigned features = readCpuFeatures();
-    return features;
+    unsigned f = featureWord.load(std::memory_order_relaxed);
+    if (f == 0) {
+        f = readCpuFeatures() | featuresKnown;
+        featureWord.store(f, std::memory_order_relaxed);
+    }
+    return f & ~featuresKnown;
 }
 
 uint64_t ownPlatformCycleCounter() {

@@ -2,6 +2,7 @@
 // table is cut into its four byte planes, each plane is looked up for 64
 // indices by two 128-entry byte permutes, and the planes are interleaved
 // back into elements.
+#include "core/platform.h"
 #include "depth/rows.h"
 
 #include <cstring>
@@ -16,13 +17,8 @@ namespace kuv::depth {
 #ifdef KUV_DEPTH_HAVE_VBMI
 namespace {
 
-// Asked of the processor itself: the level of walk.cpp may not be set yet
-// while this file's constants are.
-bool detectVbmi() {
-    __builtin_cpu_init();
-    return __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
-           __builtin_cpu_supports("avx512vbmi");
-}
+// Read from the platform layer, which is ready whenever this constant is made.
+bool detectVbmi() { return (ownPlatformCpuFeatures() & OWN_CPU_AVX512VBMI) != 0; }
 
 const bool haveVbmi = detectVbmi();
 

@@ -104,9 +104,10 @@ __attribute__((KUV_DEPTH_SEPARATE_ROUNDING)) void elementWorker(const Job& job) 
 }
 
 // The same loop for wider instruction sets. Integer maps move little data
-// per element and run fastest in 128-bit vectors with AVX2's instructions;
-// the double-precision maps of the float scale gain from every lane, and
-// most from AVX-512's conversions.
+// per element and run fastest in 128-bit vectors with AVX2's instructions,
+// and in 256-bit ones where AVX-512's word and byte instructions (narrowing
+// moves among them) are there; the double-precision maps of the float scale
+// gain from every lane, and most from AVX-512's conversions.
 #if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
 template <class Op>
 __attribute__((target("avx2,prefer-vector-width=128"), KUV_DEPTH_SEPARATE_ROUNDING)) void
@@ -117,6 +118,13 @@ elementWorkerAvx2Narrow(const Job& job) {
 template <class Op>
 __attribute__((target("avx2"), KUV_DEPTH_SEPARATE_ROUNDING)) void elementWorkerAvx2(
     const Job& job) {
+    elementRows(job, Op(job.param));
+}
+
+template <class Op>
+__attribute__((target("avx512f,avx512vl,avx512dq,avx512bw,prefer-vector-width=256"),
+               KUV_DEPTH_SEPARATE_ROUNDING)) void
+elementWorkerAvx512Narrow(const Job& job) {
     elementRows(job, Op(job.param));
 }
 
@@ -183,7 +191,8 @@ constexpr WorkerSet workersOf() {
         if constexpr (Op::kWideMath) {
             return WorkerSet{{&elementWorker<Op>, &elementWorkerAvx2<Op>, &elementWorkerAvx512<Op>}};
         } else {
-            return WorkerSet{{&elementWorker<Op>, &elementWorkerAvx2Narrow<Op>, nullptr}};
+            return WorkerSet{{&elementWorker<Op>, &elementWorkerAvx2Narrow<Op>,
+                              &elementWorkerAvx512Narrow<Op>}};
         }
 #else
         return WorkerSet{{&elementWorker<Op>, nullptr, nullptr}};

@@ -1,4 +1,5 @@
 // The depth family's piece walk over plain and tiled images.
+#include "core/platform.h"
 #include "depth/depth.h"
 
 #include <algorithm>
@@ -7,14 +8,9 @@ namespace kuv::depth {
 namespace {
 
 int detectLevel() {
-#if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
-    __builtin_cpu_init();
-    if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512vl") &&
-        __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512bw")) {
-        return LEVEL_AVX512;
-    }
-    if (__builtin_cpu_supports("avx2")) return LEVEL_AVX2;
-#endif
+    const unsigned features = ownPlatformCpuFeatures();
+    if (features & OWN_CPU_AVX512) return LEVEL_AVX512;
+    if (features & OWN_CPU_AVX2) return LEVEL_AVX2;
     return LEVEL_BASE;
 }
 

@@ -189,9 +189,11 @@ void ownTileGrid(const KuvImage* image, int32_t height, int32_t width, int32_t* 
                  int32_t* firstCol, int32_t* firstRow, int32_t* colCount, int32_t* rowCount);
 char* ownElementAddress(const KuvImage* image, int32_t x, int32_t y, int32_t channel);
 
-// Test hook: -1 lets the CPU check choose the copy kernels, 0 forces the
-// baseline ones, 1 the vector ones.
+// Test hook: 0 forces the baseline copy kernels and window row copies, any
+// other value lets the CPU check choose them.
 void ownCopySelectPath(int path);
+// The window half of that hook alone.
+void ownWindowSelectPath(int path);
 
 // ------------------------------------------------------------- reports
 

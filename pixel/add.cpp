@@ -15,6 +15,11 @@ struct AddSat {
         using W = typename Wide<T>::type;
         return saturate<T>(static_cast<W>(a) + static_cast<W>(b));
     }
+    KUV_PIXEL_AVX2 __m256i vec(__m256i a, __m256i b) const
+        requires kSmallInt<E>
+    {
+        return addsVec<E>(a, b);
+    }
 };
 
 // Unsigned bytes: a wrapped sum is below either operand; written this way the
@@ -27,6 +32,7 @@ struct AddSat<uint8_t> {
         const auto s = static_cast<T>(a + b);
         return s < a ? T{255} : s;
     }
+    KUV_PIXEL_AVX2 __m256i vec(__m256i a, __m256i b) const { return _mm256_adds_epu8(a, b); }
 };
 
 constexpr WorkerPair addTable[OWN_DEPTH_COUNT] = {
@@ -41,7 +47,24 @@ constexpr WorkerPair addTable[OWN_DEPTH_COUNT] = {
 
 constexpr PatternOp addOp = {.func = "kuvAdd", .file = "kuvadd", .nSrc = 2, .table = addTable};
 
+// The processor is asked once, at load; the row loops of the whole family
+// follow pixelWideRows.
+bool processorHasAvx2() {
+    __builtin_cpu_init();
+    return __builtin_cpu_supports("avx2") != 0;
+}
+const bool avx2Available = processorHasAvx2();
+
 }  // namespace
+
+bool pixelWideRows = avx2Available;
+
+bool setPixelWideRows(bool enable) {
+    const bool previous = pixelWideRows;
+    pixelWideRows = enable && avx2Available;
+    return previous;
+}
+
 }  // namespace kuv
 
 extern "C" KUV_API void kuvAdd(const KuvImage* srcImageA, const KuvImage* srcImageB,

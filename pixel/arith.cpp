@@ -15,6 +15,11 @@ struct SubSat {
         using W = typename Wide<T>::type;
         return saturate<T>(static_cast<W>(a) - static_cast<W>(b));
     }
+    KUV_PIXEL_AVX2 __m256i vec(__m256i a, __m256i b) const
+        requires kSmallInt<E>
+    {
+        return subsVec<E>(a, b);
+    }
 };
 
 // 32-bit products are exact in 64 bits; a product that fits 32 bits is
@@ -33,6 +38,11 @@ struct MulSat {
         if constexpr (std::is_same_v<W, uint32_t>) return static_cast<T>(p > 65535u ? 65535u : p);
         else return saturate<T>(p);
     }
+    KUV_PIXEL_AVX2 __m256i vec(__m256i a, __m256i b) const
+        requires kSmallInt<E>
+    {
+        return mulsVec<E>(a, b);
+    }
 };
 
 template <class E>
@@ -40,6 +50,11 @@ struct SqrSat {
     using T = E;
     explicit SqrSat(const void*) {}
     T operator()(T x) const { return MulSat<E>(nullptr)(x, x); }
+    KUV_PIXEL_AVX2 __m256i vec(__m256i x) const
+        requires kSmallInt<E>
+    {
+        return mulsVec<E>(x, x);
+    }
 };
 
 // The most negative value has no magnitude in its type and gives the
@@ -56,6 +71,19 @@ struct AbsSat {
             using W = typename Wide<T>::type;
             const W v = static_cast<W>(x);
             return saturate<T>(v < 0 ? -v : v);
+        }
+    }
+    // The magnitude of the most negative value reads as its own bits, which
+    // unsigned are one above the largest value.
+    KUV_PIXEL_AVX2 __m256i vec(__m256i x) const
+        requires std::is_integral_v<E>
+    {
+        if constexpr (sizeof(E) == 1) {
+            return _mm256_min_epu8(_mm256_abs_epi8(x), _mm256_set1_epi8(127));
+        } else if constexpr (sizeof(E) == 2) {
+            return _mm256_min_epu16(_mm256_abs_epi16(x), _mm256_set1_epi16(32767));
+        } else {
+            return _mm256_min_epu32(_mm256_abs_epi32(x), _mm256_set1_epi32(0x7FFFFFFF));
         }
     }
 };

@@ -31,12 +31,68 @@ struct SubS {
     }
 };
 
+// The unsigned depths by the constant's class: each reaches one limit only,
+// and that limit alone is tested. The constant comes in range (the shortcuts
+// have taken the rest), so it fits the element.
+enum SubClass : int {
+    RAISE,       // x - value, value <= 0: x + c up to max
+    LOWER,       // x - value, value >= 1: x - c down to 0
+    FROM,        // value - x, value <= max: c - x down to 0
+    FROM_ABOVE,  // value - x, value > max: (max - x) + c up to max
+};
+
+template <class E, SubClass K>
+struct SubSU {
+    using T = E;
+    static constexpr T max = std::numeric_limits<T>::max();
+    T c;
+    explicit SubSU(const void* p) : c(constantOf(*static_cast<const int32_t*>(p))) {}
+    static T constantOf(int32_t value) {
+        if constexpr (K == RAISE) return static_cast<T>(-value);
+        else if constexpr (K == FROM_ABOVE) return static_cast<T>(value - max);
+        else return static_cast<T>(value);
+    }
+    T operator()(T x) const {
+        if constexpr (K == RAISE || K == FROM_ABOVE) {
+            const T base = K == RAISE ? x : static_cast<T>(max - x);
+            const auto s = static_cast<T>(base + c);
+            return s < base ? max : s;
+        } else if constexpr (K == LOWER) {
+            return x > c ? static_cast<T>(x - c) : T{0};
+        } else {
+            return c > x ? static_cast<T>(c - x) : T{0};
+        }
+    }
+    KUV_PIXEL_AVX2 __m256i vec(__m256i x) const {
+        const __m256i vc = splatVec<T>(c);
+        if constexpr (K == RAISE) return addsVec<T>(x, vc);
+        else if constexpr (K == LOWER) return subsVec<T>(x, vc);
+        else if constexpr (K == FROM) return subsVec<T>(vc, x);
+        else return addsVec<T>(_mm256_xor_si256(x, _mm256_set1_epi8(-1)), vc);
+    }
+};
+
 template <class E>
 struct MulS {
     using T = E;
     WideS<E> value;
     explicit MulS(const void* p) : value(*static_cast<const int32_t*>(p)) {}
     T operator()(T x) const { return saturate<T>(static_cast<WideS<E>>(x) * value); }
+    // Byte constants arrive in range: 1 to 255 for 8U, -128 to 128 for 8S.
+    KUV_PIXEL_AVX2 __m256i vec(__m256i x) const
+        requires(sizeof(E) == 1)
+    {
+        if constexpr (std::is_same_v<E, uint8_t>) {
+            return mulsVec<uint8_t>(x, splatVec<uint8_t>(static_cast<uint8_t>(value)));
+        } else {
+            // 128 does not fit a byte: the constant stays in 16 bits, where
+            // products of -128..127 and -128..128 are exact.
+            const __m256i c = _mm256_set1_epi16(static_cast<short>(value));
+            const __m256i lo = _mm256_srai_epi16(_mm256_unpacklo_epi8(x, x), 8);
+            const __m256i hi = _mm256_srai_epi16(_mm256_unpackhi_epi8(x, x), 8);
+            return _mm256_packs_epi16(_mm256_mullo_epi16(lo, c), _mm256_mullo_epi16(hi, c));
+        }
+    }
 };
 
 // 16-bit unsigned products are unsigned 32-bit products.
@@ -51,11 +107,15 @@ struct MulS<uint16_t> {
     }
 };
 
+// The vector forms round each lane as the element form does.
 struct AddSF {
     using T = float;
     float value;
     explicit AddSF(const void* p) : value(*static_cast<const float*>(p)) {}
     T operator()(T x) const { return x + value; }
+    KUV_PIXEL_AVX2 __m256i vec(__m256i x) const {
+        return _mm256_castps_si256(_mm256_add_ps(_mm256_castsi256_ps(x), _mm256_set1_ps(value)));
+    }
 };
 
 template <bool Flip>
@@ -64,6 +124,10 @@ struct SubSF {
     float value;
     explicit SubSF(const void* p) : value(*static_cast<const float*>(p)) {}
     T operator()(T x) const { return Flip ? value - x : x - value; }
+    KUV_PIXEL_AVX2 __m256i vec(__m256i x) const {
+        const __m256 v = _mm256_set1_ps(value), e = _mm256_castsi256_ps(x);
+        return _mm256_castps_si256(Flip ? _mm256_sub_ps(v, e) : _mm256_sub_ps(e, v));
+    }
 };
 
 struct MulSF {
@@ -71,6 +135,9 @@ struct MulSF {
     float value;
     explicit MulSF(const void* p) : value(*static_cast<const float*>(p)) {}
     T operator()(T x) const { return x * value; }
+    KUV_PIXEL_AVX2 __m256i vec(__m256i x) const {
+        return _mm256_castps_si256(_mm256_mul_ps(_mm256_castsi256_ps(x), _mm256_set1_ps(value)));
+    }
 };
 
 constexpr WorkerPair none = {nullptr, nullptr};
@@ -78,14 +145,16 @@ constexpr WorkerPair none = {nullptr, nullptr};
 constexpr WorkerPair addSTable[OWN_DEPTH_COUNT] = {
     none, none, none, none, none, workersOf<1, AddS<int32_t>>(), none};
 
-template <bool Flip>
+// One table per class of the unsigned constants; the signed workers test
+// both limits, which gives what the one reachable limit gives.
+template <SubClass K>
 constexpr WorkerPair subSTable[OWN_DEPTH_COUNT] = {
     none,
-    workersOf<1, SubS<uint8_t, Flip>>(),
-    workersOf<1, SubS<int8_t, Flip>>(),
-    workersOf<1, SubS<uint16_t, Flip>>(),
-    workersOf<1, SubS<int16_t, Flip>>(),
-    workersOf<1, SubS<int32_t, Flip>>(),
+    workersOf<1, SubSU<uint8_t, K>>(),
+    workersOf<1, SubS<int8_t, (K == FROM || K == FROM_ABOVE)>>(),
+    workersOf<1, SubSU<uint16_t, K>>(),
+    workersOf<1, SubS<int16_t, (K == FROM || K == FROM_ABOVE)>>(),
+    workersOf<1, SubS<int32_t, (K == FROM || K == FROM_ABOVE)>>(),
     none,
 };
 
@@ -110,9 +179,11 @@ constexpr WorkerPair mulSFTable[OWN_DEPTH_COUNT] = {none, none, none, none,
 constexpr PatternOp addSOp = {.func = "kuvAddS", .file = "kuvadds", .nSrc = 1, .table = addSTable};
 // kuvSubtractS compares the data orders like its sisters: its workers walk
 // by the source's order, so a mismatch could only give wrong pixels.
-constexpr PatternOp subSOp[2] = {
-    {.func = "kuvSubtractS", .file = "kuvsubs", .nSrc = 1, .table = subSTable<false>},
-    {.func = "kuvSubtractS", .file = "kuvsubs", .nSrc = 1, .table = subSTable<true>}};
+constexpr PatternOp subSOp[4] = {
+    {.func = "kuvSubtractS", .file = "kuvsubs", .nSrc = 1, .table = subSTable<RAISE>},
+    {.func = "kuvSubtractS", .file = "kuvsubs", .nSrc = 1, .table = subSTable<LOWER>},
+    {.func = "kuvSubtractS", .file = "kuvsubs", .nSrc = 1, .table = subSTable<FROM>},
+    {.func = "kuvSubtractS", .file = "kuvsubs", .nSrc = 1, .table = subSTable<FROM_ABOVE>}};
 constexpr PatternOp mulSOp = {.func = "kuvMultiplyS", .file = "kuvmuls", .nSrc = 1,
                               .table = mulSTable};
 constexpr PatternOp addSFOp = {.func = "kuvAddSFP", .file = "kuvaddsf", .nSrc = 1,
@@ -180,8 +251,12 @@ KUV_API void kuvSubtractS(const KuvImage* srcImage, KuvImage* dstImage, int32_t 
         if (flip == 0) return v ? kuvAndS(srcImage, dstImage, 0) : kuvXorS(srcImage, dstImage, 0);
         return v ? kuvXorS(srcImage, dstImage, 1) : kuvAndS(srcImage, dstImage, 0);
     }
+    // The class of the constant; on the signed depths only flip counts.
+    kuv::SubClass kind = flip == 0 ? kuv::LOWER : kuv::FROM;
     if (depth == KUV_DEPTH_8U || depth == KUV_DEPTH_16U) {
         const int32_t max = depth == KUV_DEPTH_8U ? 255 : 65535;
+        if (flip == 0) kind = value <= 0 ? kuv::RAISE : kuv::LOWER;
+        else kind = value <= max ? kuv::FROM : kuv::FROM_ABOVE;
         if (flip == 0) {
             if (value <= -max) return kuvOrS(srcImage, dstImage, -1);
             if (value >= max) return kuvAndS(srcImage, dstImage, 0);
@@ -194,7 +269,7 @@ KUV_API void kuvSubtractS(const KuvImage* srcImage, KuvImage* dstImage, int32_t 
     } else if (depth == KUV_DEPTH_16S) {
         value = flip == 0 ? kuv::clampInt(value, -65535, 65535) : kuv::clampInt(value, -65536, 65534);
     }
-    kuv::runPattern(kuv::subSOp[flip != 0], srcImage, nullptr, dstImage, &value);
+    kuv::runPattern(kuv::subSOp[kind], srcImage, nullptr, dstImage, &value);
 }
 
 KUV_API void kuvMultiplyS(const KuvImage* srcImage, KuvImage* dstImage, int32_t value) {

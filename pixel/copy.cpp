@@ -9,6 +9,7 @@
 //
 // Elements are moved by size only, so signed and unsigned depths of one
 // width share their workers.
+#include "core/platform.h"
 #include "kuv_own.h"
 
 #include <algorithm>
@@ -210,17 +211,13 @@ int forcedPath = -1;
 
 bool cpuHasAvx2() {
 #ifdef KUV_COPY_HAVE_AVX2
-    static const bool has = [] {
-        __builtin_cpu_init();
-        return __builtin_cpu_supports("avx2") != 0;
-    }();
-    return has;
+    return (ownPlatformCpuFeatures() & OWN_CPU_AVX2) != 0;
 #else
     return false;
 #endif
 }
 
-bool vectorPath() { return forcedPath < 0 ? cpuHasAvx2() : forcedPath == 1 && cpuHasAvx2(); }
+bool vectorPath() { return forcedPath != 0 && cpuHasAvx2(); }
 
 // Pixels of g elements each, moved from a stride of ss elements to one of ds.
 // Strides known at compile time let the compiler turn a channel split or
@@ -261,73 +258,114 @@ __attribute__((target("avx2"))) void copyGroupsAvx2(const char* s, char* d, int3
 
 // A channel split of 8-bit pixels, the commonest strided copy, written out
 // by hand: what the compiler makes of the plain loop costs about twice the
-// shuffles. The row's tail goes through the plain loop.
+// shuffles.
+//
+// A block's loads reach a few bytes past its last needed one, into the
+// pixel after the block; only blocks followed by a pixel go that way. The
+// row's last 32 pixels are then done once more as one block whose loads are
+// moved back by those few bytes (a row of 33 pixels or more has them before
+// its first block), unless the destination overlaps the source, where the
+// repeated stores could have changed what the block reads; a shorter row or
+// an overlapping one ends in the plain loop.
+inline bool apart(const char* src, ptrdiff_t srcBytes, const char* dst, ptrdiff_t dstBytes) {
+    return src + srcBytes <= dst || dst + dstBytes <= src;
+}
 
 // One channel of three: 32 pixels come as six 16-byte loads placed so that
 // each 128-bit lane holds 16 whole pixels, and three byte shuffles with the
-// same masks in both lanes pick the channel.
+// same masks in both lanes pick the channel. Output j of a lane takes byte
+// 3j + shift of the lane's 48 bytes, which lies in load k at 3j + shift - 16k;
+// -128 (high bit) gives a zero byte.
+struct SplitOf3Masks {
+    alignas(32) int8_t m[3][32];
+};
+
+constexpr SplitOf3Masks splitOf3Masks(int shift) {
+    SplitOf3Masks t{};
+    for (int k = 0; k < 3; ++k) {
+        for (int j = 0; j < 32; ++j) {
+            const int at = 3 * (j % 16) + shift - 16 * k;
+            t.m[k][j] = static_cast<int8_t>(at >= 0 && at < 16 ? at : -128);
+        }
+    }
+    return t;
+}
+
+__attribute__((target("avx2"))) inline __m256i splitOf3Block(const uint8_t* p,
+                                                             const SplitOf3Masks& masks) {
+    const auto* m = reinterpret_cast<const __m256i*>(masks.m);
+    const __m256i v0 = _mm256_loadu2_m128i(reinterpret_cast<const __m128i*>(p + 48),
+                                           reinterpret_cast<const __m128i*>(p));
+    const __m256i v1 = _mm256_loadu2_m128i(reinterpret_cast<const __m128i*>(p + 64),
+                                           reinterpret_cast<const __m128i*>(p + 16));
+    const __m256i v2 = _mm256_loadu2_m128i(reinterpret_cast<const __m128i*>(p + 80),
+                                           reinterpret_cast<const __m128i*>(p + 32));
+    return _mm256_or_si256(_mm256_or_si256(_mm256_shuffle_epi8(v0, _mm256_load_si256(m)),
+                                           _mm256_shuffle_epi8(v1, _mm256_load_si256(m + 1))),
+                           _mm256_shuffle_epi8(v2, _mm256_load_si256(m + 2)));
+}
+
 __attribute__((target("avx2"))) void splitOf3x8Avx2(const char* src, char* dst, int32_t n,
                                                     int32_t, int32_t, int32_t) {
-    // Output j of a lane takes byte 3j of the lane's 48 bytes, which lies in
-    // load k at 3j - 16k; -128 (high bit) gives a zero byte.
-    alignas(32) static const int8_t masks[3][32] = {
-        {0, 3, 6, 9, 12, 15, -128, -128, -128, -128, -128, -128, -128, -128, -128, -128,
-         0, 3, 6, 9, 12, 15, -128, -128, -128, -128, -128, -128, -128, -128, -128, -128},
-        {-128, -128, -128, -128, -128, -128, 2, 5, 8, 11, 14, -128, -128, -128, -128, -128,
-         -128, -128, -128, -128, -128, -128, 2, 5, 8, 11, 14, -128, -128, -128, -128, -128},
-        {-128, -128, -128, -128, -128, -128, -128, -128, -128, -128, -128, 1, 4, 7, 10, 13,
-         -128, -128, -128, -128, -128, -128, -128, -128, -128, -128, -128, 1, 4, 7, 10, 13},
-    };
-    const __m256i m0 = _mm256_load_si256(reinterpret_cast<const __m256i*>(masks[0]));
-    const __m256i m1 = _mm256_load_si256(reinterpret_cast<const __m256i*>(masks[1]));
-    const __m256i m2 = _mm256_load_si256(reinterpret_cast<const __m256i*>(masks[2]));
+    static constexpr SplitOf3Masks inPlace = splitOf3Masks(0);
+    static constexpr SplitOf3Masks movedBack = splitOf3Masks(2);
     const auto* s = reinterpret_cast<const uint8_t*>(src);
     auto* d = reinterpret_cast<uint8_t*>(dst);
     int32_t x = 0;
-    // A block reads 96 bytes from pixel x on: up to two bytes past its last
-    // needed one, which belong to pixel x + 32. Only a block followed by a
-    // pixel goes this way, so no byte past the row's needs is read.
+    // A block reads 96 bytes from pixel x on: two past its last needed one.
     for (; x + 32 < n; x += 32) {
-        const uint8_t* p = s + 3 * static_cast<ptrdiff_t>(x);
-        const __m256i v0 = _mm256_loadu2_m128i(reinterpret_cast<const __m128i*>(p + 48),
-                                               reinterpret_cast<const __m128i*>(p));
-        const __m256i v1 = _mm256_loadu2_m128i(reinterpret_cast<const __m128i*>(p + 64),
-                                               reinterpret_cast<const __m128i*>(p + 16));
-        const __m256i v2 = _mm256_loadu2_m128i(reinterpret_cast<const __m128i*>(p + 80),
-                                               reinterpret_cast<const __m128i*>(p + 32));
-        const __m256i r = _mm256_or_si256(
-            _mm256_or_si256(_mm256_shuffle_epi8(v0, m0), _mm256_shuffle_epi8(v1, m1)),
-            _mm256_shuffle_epi8(v2, m2));
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(d + x), r);
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(d + x),
+                            splitOf3Block(s + 3 * static_cast<ptrdiff_t>(x), inPlace));
+    }
+    if (n > 32 && x < n && apart(src, 3 * ptrdiff_t{n}, dst, n)) {
+        const int32_t last = n - 32;
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(d + last),
+                            splitOf3Block(s + 3 * static_cast<ptrdiff_t>(last) - 2, movedBack));
+        return;
     }
     for (; x < n; ++x) d[x] = s[3 * static_cast<ptrdiff_t>(x)];
 }
 
-// One channel of four: the channel is byte 0 of each 32-bit pixel as seen
-// from the channel's address; masked, packed twice, and put in order.
+// One channel of four: the channel is one byte of each 32-bit pixel,
+// shifted down, packed twice, and put in order.
+template <int Shift>
+__attribute__((target("avx2"))) inline __m256i lowByteOf4(const __m256i* v) {
+    const __m256i w = _mm256_loadu_si256(v);
+    if constexpr (Shift == 0) return _mm256_and_si256(w, _mm256_set1_epi32(0xFF));
+    else return _mm256_srli_epi32(w, Shift);
+}
+
+template <int Shift>
+__attribute__((target("avx2"))) inline __m256i splitOf4Block(const uint8_t* p) {
+    const auto* v = reinterpret_cast<const __m256i*>(p);
+    const __m256i a = lowByteOf4<Shift>(v);
+    const __m256i b = lowByteOf4<Shift>(v + 1);
+    const __m256i c = lowByteOf4<Shift>(v + 2);
+    const __m256i e = lowByteOf4<Shift>(v + 3);
+    const __m256i bytes =
+        _mm256_packus_epi16(_mm256_packus_epi32(a, b), _mm256_packus_epi32(c, e));
+    return _mm256_permutevar8x32_epi32(bytes, _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7));
+}
+
 __attribute__((target("avx2"))) void splitOf4x8Avx2(const char* src, char* dst, int32_t n,
                                                     int32_t, int32_t, int32_t) {
-    const __m256i low = _mm256_set1_epi32(0xFF);
-    const __m256i order = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
     const auto* s = reinterpret_cast<const uint8_t*>(src);
     auto* d = reinterpret_cast<uint8_t*>(dst);
     int32_t x = 0;
-    // A block reads 128 bytes: up to three past its last needed one, inside
-    // pixel x + 32.
+    // A block reads 128 bytes: three past its last needed one.
     for (; x + 32 < n; x += 32) {
-        const uint8_t* p = s + 4 * static_cast<ptrdiff_t>(x);
-        const auto* v = reinterpret_cast<const __m256i*>(p);
-        const __m256i a = _mm256_and_si256(_mm256_loadu_si256(v), low);
-        const __m256i b = _mm256_and_si256(_mm256_loadu_si256(v + 1), low);
-        const __m256i c = _mm256_and_si256(_mm256_loadu_si256(v + 2), low);
-        const __m256i e = _mm256_and_si256(_mm256_loadu_si256(v + 3), low);
-        const __m256i bytes =
-            _mm256_packus_epi16(_mm256_packus_epi32(a, b), _mm256_packus_epi32(c, e));
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(d + x),
-                            _mm256_permutevar8x32_epi32(bytes, order));
+                            splitOf4Block<0>(s + 4 * static_cast<ptrdiff_t>(x)));
+    }
+    if (n > 32 && x < n && apart(src, 4 * ptrdiff_t{n}, dst, n)) {
+        const int32_t last = n - 32;
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(d + last),
+                            splitOf4Block<24>(s + 4 * static_cast<ptrdiff_t>(last) - 3));
+        return;
     }
     for (; x < n; ++x) d[x] = s[4 * static_cast<ptrdiff_t>(x)];
 }
+
 #endif
 
 struct GroupKernel {
@@ -1045,9 +1083,12 @@ void setImage(KuvImage* dst, int32_t value) {
 }  // namespace
 }  // namespace kuv
 
-// Test hook: -1 lets the CPU choose the strided copy kernels, 0 forces the
-// baseline ones, 1 the vector ones where the CPU has them.
-void ownCopySelectPath(int path) { kuv::forcedPath = path; }
+// AVX2 is the only vector level here, so 1, the widest, and 2, AVX2 at most,
+// are the same.
+void ownCopySelectPath(int path) {
+    kuv::forcedPath = path;
+    ownWindowSelectPath(path);
+}
 
 extern "C" {
 

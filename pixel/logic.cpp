@@ -2,16 +2,25 @@
 // Bit images go through the bit-row kernels at any bit offset; the other
 // depths through the element workers, signed and unsigned sharing one.
 #include "pixel/bitwork.h"
+#include "pixel/saturate.h"
 #include "pixel/walk.h"
 
 namespace kuv {
 namespace {
+
+template <OwnBitOp Op>
+KUV_PIXEL_AVX2 inline __m256i combineVec(__m256i a, __m256i b) {
+    if constexpr (Op == OWN_BIT_AND) return _mm256_and_si256(a, b);
+    else if constexpr (Op == OWN_BIT_OR) return _mm256_or_si256(a, b);
+    else return _mm256_xor_si256(a, b);
+}
 
 template <OwnBitOp Op, class E>
 struct Logic {
     using T = E;
     explicit Logic(const void*) {}
     T operator()(T a, T b) const { return combineBits<Op, T>(a, b); }
+    KUV_PIXEL_AVX2 __m256i vec(__m256i a, __m256i b) const { return combineVec<Op>(a, b); }
 };
 
 // The constant comes widened to a 32-bit word; each element takes its low bits.
@@ -22,6 +31,7 @@ struct LogicS {
     explicit LogicS(const void* param)
         : value(static_cast<T>(*static_cast<const uint32_t*>(param))) {}
     T operator()(T x) const { return combineBits<Op, T>(x, value); }
+    KUV_PIXEL_AVX2 __m256i vec(__m256i x) const { return combineVec<Op>(x, splatVec<T>(value)); }
 };
 
 template <OwnBitOp Op>

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <climits>
+#include <cstring>
 
 using namespace kuvtest;
 
@@ -109,6 +110,35 @@ TEST(Window, RandomWindowsAndLinesMatchTheTable) {
         for (size_t i = 0; i < store.log().size(); ++i)   // one tile at a time
             ASSERT_EQ(store.log()[i].mode, i % 2 ? KUV_TILE_RELEASE : KUV_TILE_READ) << i;
         ASSERT_TRUE(store.faults().empty() && store.held() == 0);
+    }
+}
+
+// Rows of a few hundred bytes take the vector row copy; each start column
+// puts the middle of the row at another alignment of the block. The forced
+// baseline must give the same bytes.
+TEST(Window, WideRowsAtEveryAlignmentOnBothPaths) {
+    for (int nCh : {1, 3}) {
+        ImagePtr image = makeImage(KUV_DEPTH_8U, nCh, 300, 5);
+        fillRandom(image.get(), uint64_t(nCh));
+        for (int mode = 0; mode < 4; ++mode) {
+            kuvSetBorderMode(image.get(), mode, 15, 201);
+            for (int x = -1; x >= -33; --x) {
+                SCOPED_TRACE(::testing::Message() << nCh << " channels, mode " << mode << ", x " << x);
+                const int width = 300 - 2 * x, height = 9;
+                int32_t step = 0, baseStep = 0;
+                char* wide = ownCopyWindow(image.get(), x, -2, width, height, &step);
+                ownWindowSelectPath(0);
+                char* base = ownCopyWindow(image.get(), x, -2, width, height, &baseStep);
+                ownWindowSelectPath(-1);
+                ASSERT_TRUE(wide != nullptr && base != nullptr && step == baseStep);
+                for (int j = 0; j < height; ++j)   // row padding is the block's own
+                    EXPECT_EQ(std::memcmp(wide + j * step, base + j * step, size_t(width) * nCh), 0);
+                EXPECT_TRUE(matches(image.get(), image.get(), wide, x, -2, width, height, step,
+                                    0, nCh));
+                ownFreeWindow(wide);
+                ownFreeWindow(base);
+            }
+        }
     }
 }
 
