@@ -133,19 +133,9 @@ CaseImages& imagesFor(const CaseKey& key) {
     return *slot;
 }
 
-void setUpOpenCv() {
-    static const bool once = [] {
-        cv::setNumThreads(1);
-        cv::setUseOptimized(true);
-        return true;
-    }();
-    (void)once;
-}
-
 // One untimed kuvAdd checked against cv::add, so that the two peers are known
 // to compute the same thing before either is timed.
 bool sameAsOpenCv(CaseImages& c) {
-    setUpOpenCv();
     kuvSetErrStatus(KUV_StsNoError);
     kuvAdd(c.img[0], c.img[1], c.img[2]);
     if (kuvGetErrStatus() != KUV_StsNoError) return false;
@@ -174,7 +164,6 @@ void BM_kuvAdd(benchmark::State& state, CaseKey key) {
 void BM_cvAdd(benchmark::State& state, CaseKey key) {
     CaseImages& c = imagesFor(key);
     if (!c.ok) return state.SkipWithError("images could not be made");
-    setUpOpenCv();
     const uchar* before = c.mat[2].data;
     for (auto _ : state) {
         cv::add(c.mat[0], c.mat[1], c.mat[2]);

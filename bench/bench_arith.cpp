@@ -82,15 +82,6 @@ Images& imagesFor(uint32_t depth) {
     return *slot;
 }
 
-void setUpOpenCv() {
-    static const bool once = [] {
-        cv::setNumThreads(1);
-        cv::setUseOptimized(true);
-        return true;
-    }();
-    (void)once;
-}
-
 using Run = std::function<void(Images&)>;
 
 // One pair: the kuv call and its peer on the same images; `images` of A, B, D
@@ -129,7 +120,6 @@ int64_t bytesOf(const Pair& p, Images& c, benchmark::State& state) {
 // One untimed kuv call checked against its peer: both must give identical
 // pixels, and the peer must write the destination in place.
 bool sameAsPeer(const Pair& p, Images& c) {
-    setUpOpenCv();
     kuvSetErrStatus(KUV_StsNoError);
     p.kuv(c);
     if (kuvGetErrStatus() != KUV_StsNoError) return false;
@@ -159,7 +149,6 @@ void BM_kuv(benchmark::State& state, const Pair* p) {
 void BM_cv(benchmark::State& state, const Pair* p) {
     Images& c = imagesFor(p->depth);
     if (!c.ok) return state.SkipWithError("images could not be made");
-    setUpOpenCv();
     const uchar* before = c.mat[2].data;
     for (auto _ : state) {
         p->cv(c);

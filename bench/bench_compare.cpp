@@ -131,15 +131,6 @@ CaseImages& imagesFor(const CaseKey& key) {
     return *slot;
 }
 
-void setUpOpenCv() {
-    static const bool once = [] {
-        cv::setNumThreads(1);
-        cv::setUseOptimized(true);
-        return true;
-    }();
-    (void)once;
-}
-
 // The result's bit for each pixel of the rectangle against OpenCV's bytes
 // (all channels 255 for kuv's "every channel holds").
 bool sameBits(const CaseImages& c, const cv::Mat& bytes) {
@@ -164,7 +155,6 @@ bool sameBits(const CaseImages& c, const cv::Mat& bytes) {
 void BM_kuvLess(benchmark::State& state, CaseKey key) {
     CaseImages& c = imagesFor(key);
     if (!c.ok) return state.SkipWithError("images could not be made");
-    setUpOpenCv();
     kuvSetErrStatus(KUV_StsNoError);
     if (kuvLess(c.img[0], c.img[1], c.img[2]) != 0) return state.SkipWithError("kuvLess refused");
     cv::compare(c.a, c.b, c.m, cv::CMP_LT);
@@ -182,7 +172,6 @@ void BM_kuvLess(benchmark::State& state, CaseKey key) {
 void BM_cvCompareLT(benchmark::State& state, CaseKey key) {
     CaseImages& c = imagesFor(key);
     if (!c.ok) return state.SkipWithError("images could not be made");
-    setUpOpenCv();
     cv::compare(c.a, c.b, c.m, cv::CMP_LT);
     const uchar* before = c.m.data;
     for (auto _ : state) {
@@ -197,7 +186,6 @@ void BM_cvCompareLT(benchmark::State& state, CaseKey key) {
 void BM_kuvLessS(benchmark::State& state, CaseKey key) {
     CaseImages& c = imagesFor(key);
     if (!c.ok) return state.SkipWithError("images could not be made");
-    setUpOpenCv();
     kuvSetErrStatus(KUV_StsNoError);
     if (kuvLessS(c.img[0], kScalar, c.img[2]) != 0) return state.SkipWithError("kuvLessS refused");
     cv::compare(c.a, cv::Scalar(kScalar), c.m, cv::CMP_LT);
@@ -213,7 +201,6 @@ void BM_kuvLessS(benchmark::State& state, CaseKey key) {
 void BM_cvCompareLTS(benchmark::State& state, CaseKey key) {
     CaseImages& c = imagesFor(key);
     if (!c.ok) return state.SkipWithError("images could not be made");
-    setUpOpenCv();
     cv::compare(c.a, cv::Scalar(kScalar), c.m, cv::CMP_LT);
     for (auto _ : state) {
         cv::compare(c.a, cv::Scalar(kScalar), c.m, cv::CMP_LT);

@@ -100,15 +100,6 @@ Images& images() {
     return instance;
 }
 
-void setUpOpenCv() {
-    static const bool once = [] {
-        cv::setNumThreads(1);
-        cv::setUseOptimized(true);
-        return true;
-    }();
-    (void)once;
-}
-
 bool planesMatchSplit(Images& im) {
     std::vector<cv::Mat> expected;
     cv::split(im.srcMat, expected);
@@ -158,7 +149,6 @@ void BM_memcpyForCopy_8UC3_whole(benchmark::State& state) {
 void BM_kuvCopy_8UC3_split(benchmark::State& state) {
     Images& im = images();
     if (!im.ok) return state.SkipWithError("images could not be made");
-    setUpOpenCv();
     kuvSetErrStatus(KUV_StsNoError);
     clearPlanes(im);
     im.splitWhole();
@@ -174,7 +164,6 @@ void BM_kuvCopy_8UC3_split(benchmark::State& state) {
 void BM_cvSplit_8UC3(benchmark::State& state) {
     Images& im = images();
     if (!im.ok) return state.SkipWithError("images could not be made");
-    setUpOpenCv();
     const uchar* before = im.planeMats[0].data;
     for (auto _ : state) {
         cv::split(im.srcMat, im.planeMats);
@@ -187,7 +176,6 @@ void BM_cvSplit_8UC3(benchmark::State& state) {
 void BM_kuvSet_8UC3(benchmark::State& state) {
     Images& im = images();
     if (!im.ok) return state.SkipWithError("images could not be made");
-    setUpOpenCv();
     kuvSetErrStatus(KUV_StsNoError);
     kuvSet(im.dst, 77);
     cv::Mat expected(kHeight, kWidth, CV_8UC3, cv::Scalar(77, 77, 77));
@@ -204,7 +192,6 @@ void BM_kuvSet_8UC3(benchmark::State& state) {
 void BM_cvSetTo_8UC3(benchmark::State& state) {
     Images& im = images();
     if (!im.ok) return state.SkipWithError("images could not be made");
-    setUpOpenCv();
     const cv::Scalar value(77, 77, 77);
     for (auto _ : state) {
         im.dstMat.setTo(value);

@@ -38,15 +38,6 @@ namespace {
 
 constexpr int kWidth = 1920, kHeight = 1080;
 
-void setUpOpenCv() {
-    static const bool once = [] {
-        cv::setNumThreads(1);
-        cv::setUseOptimized(true);
-        return true;
-    }();
-    (void)once;
-}
-
 void fillBytes(char* p, size_t n, uint32_t seed) {
     uint32_t s = seed;
     for (size_t i = 0; i < n; ++i) {
@@ -138,7 +129,6 @@ double timeRatio(double kuv, double peer) { return kuv / peer; }
 // ------------------------------------------------------------ kuvAnd vs bitwise_and
 
 void BM_logic_And_8UC3(benchmark::State& state) {
-    setUpOpenCv();
     Image a(KUV_DEPTH_8U, 3, kWidth, kHeight, 1), b(KUV_DEPTH_8U, 3, kWidth, kHeight, 2),
         d(KUV_DEPTH_8U, 3, kWidth, kHeight, 3), e(KUV_DEPTH_8U, 3, kWidth, kHeight, 4);
     if (!a.ok() || !b.ok() || !d.ok() || !e.ok()) return state.SkipWithError("no images");
@@ -161,7 +151,6 @@ void BM_logic_And_8UC3(benchmark::State& state) {
 int64_t bitRowBytes(int off, int width) { return (off + width - 1) / 8 + 1; }
 
 void xorBits(benchmark::State& state, int offA, int offB, int offD) {
-    setUpOpenCv();
     // 5760 bytes a row in both: 46080 bits, or 5760 bytes of 8U.
     const int bitsWide = kWidth * 3 * 8;
     Image a(KUV_DEPTH_1U, 1, bitsWide, kHeight, 5), b(KUV_DEPTH_1U, 1, bitsWide, kHeight, 6),
@@ -205,7 +194,6 @@ void BM_logic_XorBits_off3_5_0(benchmark::State& state) { xorBits(state, 3, 5, 0
 enum class Pattern { Random, Disc };
 
 void addMask(benchmark::State& state, Pattern pattern) {
-    setUpOpenCv();
     Image a(KUV_DEPTH_8U, 3, kWidth, kHeight, 11), b(KUV_DEPTH_8U, 3, kWidth, kHeight, 12),
         d(KUV_DEPTH_8U, 3, kWidth, kHeight, 13), e(KUV_DEPTH_8U, 3, kWidth, kHeight, 13);
     Image m(KUV_DEPTH_1U, 1, kWidth, kHeight, 14);
@@ -288,7 +276,6 @@ void tileCopy(TileMajor& t, KuvImage* image, int tile, bool toTiles) {
 }
 
 void BM_logic_TiledAdd_64(benchmark::State& state) {
-    setUpOpenCv();
     constexpr int tile = 64;
     Image plain[3] = {{KUV_DEPTH_8U, 3, kWidth, kHeight, 21},
                       {KUV_DEPTH_8U, 3, kWidth, kHeight, 22},

@@ -108,7 +108,6 @@ void BM_cv(benchmark::State& state, CvMorph cv) {
     Images& im = images();
     const int n = static_cast<int>(state.range(0));
     if (!im.ok()) return state.SkipWithError("no image");
-    cv::setNumThreads(1);
     const cv::Mat box = cv::getStructuringElement(cv::MORPH_RECT, cv::Size(2 * n + 1, 2 * n + 1));
     const cv::Mat src = matOf(im.src);
     cv::Mat dst(kHeight, kWidth, CV_8UC1);

@@ -152,7 +152,6 @@ void BM_kuvNlf(benchmark::State& state, Case c, bool portable) {
 void BM_cvNlf(benchmark::State& state, Case c) {
     Images& im = images();
     if (!im.ok()) return state.SkipWithError("no image");
-    cv::setNumThreads(1);
     cv::Mat out(kHeight, kWidth, CV_8UC1);
     for (auto _ : state) {
         runCv(c, im, out);

@@ -107,7 +107,6 @@ void BM_kuvSep7(benchmark::State& state, const int32_t* taps, int shift, int pat
 void BM_cvSepFilter7(benchmark::State& state) {
     Images& im = images();
     if (!im.ok()) return state.SkipWithError("no image");
-    cv::setNumThreads(1);
     cv::Mat k = cv::Mat(1, 7, CV_32F);
     for (int i = 0; i < 7; ++i) k.at<float>(i) = float(kGauss7[i]) / 64.0f;
     for (auto _ : state) {
@@ -138,7 +137,6 @@ void BM_kuvBlur(benchmark::State& state, int n, int path) {
 void BM_cvBlur(benchmark::State& state, int n) {
     Images& im = images();
     if (!im.ok()) return state.SkipWithError("no image");
-    cv::setNumThreads(1);
     for (auto _ : state) {
         cv::blur(im.srcMat, im.dstMat, cv::Size(n, n), cv::Point(-1, -1), cv::BORDER_REPLICATE);
         benchmark::ClobberMemory();

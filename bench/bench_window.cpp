@@ -109,7 +109,6 @@ void BM_cvCopyMakeBorder(benchmark::State& state, Mode mode, bool reuse) {
     Source& s = source();
     if (s.image == nullptr || s.image->imageData == nullptr)
         return state.SkipWithError("no image");
-    cv::setNumThreads(1);
     cv::Mat kept;
     for (auto _ : state) {
         if (reuse) {

@@ -364,11 +364,8 @@ void releaseTiles(const Source& s, char* const* granted, int64_t count, int64_t 
     }
 }
 
-struct FreeBlock {
-    void operator()(void* block) const { kuvFree(block); }
-};
 template <class T>
-using Block = std::unique_ptr<T, FreeBlock>;
+using Block = OwnBlock<T>;
 
 // ------------------------------------------------------------------ window
 

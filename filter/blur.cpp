@@ -32,20 +32,8 @@ constexpr const char* kFile = "kuvBlur";
 constexpr char kGray[4] = {'G', 'R', 'A', 'Y'};
 constexpr char kSeqG[4] = {'G', '\0', '\0', '\0'};
 
-struct FreeBlock {
-    void operator()(void* block) const { kuvFree(block); }
-};
-using Block = std::unique_ptr<char, FreeBlock>;
-
-struct FreeImage {
-    void operator()(KuvImage* image) const { kuvDeallocate(image, KUV_IMAGE_ALL); }
-};
-using TempImage = std::unique_ptr<KuvImage, FreeImage>;
-
-Block allocate(int64_t bytes) {
-    if (bytes < 1 || bytes > INT32_MAX) return Block();
-    return Block(static_cast<char*>(kuvMalloc(static_cast<int32_t>(bytes))));
-}
+using Block = OwnBlock<char>;
+using TempImage = OwnTempImage;
 
 inline void report(KuvStatus status, const char* context, int line) {
     kuvError(status, kFunc, context, kFile, line);
@@ -581,7 +569,7 @@ void blur(const KuvImage* src, KuvImage* dst, int32_t nCols, int32_t nRows, int3
     int64_t widest = c.width;
     if (dst->tileInfo != nullptr) widest = std::min<int64_t>(widest, dst->tileInfo->width);
     else if (src->tileInfo != nullptr) widest = std::min<int64_t>(widest, src->tileInfo->width);
-    Block sums = allocate((widest + nCols) * 4), rowSums = allocate(widest * 4);
+    Block sums = ownAllocBlock((widest + nCols) * 4), rowSums = ownAllocBlock(widest * 4);
     if (!sums || !rowSums) return report(KUV_StsOutOfMemory, "Allocation failure", __LINE__);
     j.sums = sums.get();
     j.rowSums = reinterpret_cast<uint32_t*>(rowSums.get());

@@ -32,10 +32,7 @@ enum Outcome : int {
 // Rows of a band: the output rows that one fill of the float window serves.
 constexpr int32_t kBandRows = 65;
 
-struct FreeBlock {
-    void operator()(void* p) const { kuvFree(p); }
-};
-using Block = std::unique_ptr<char, FreeBlock>;
+using Block = OwnBlock<char>;
 
 int64_t roundUp(int64_t v, int64_t to) { return (v + to - 1) / to * to; }
 

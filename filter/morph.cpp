@@ -162,9 +162,6 @@ constexpr const char* kFile = "ownMorph";
 
 enum Kind : int { ERODE, DILATE, OPEN, CLOSE };
 
-struct FreeBlock {
-    void operator()(void* p) const { kuvFree(p); }
-};
 
 struct WindowHolder {
     char* block = nullptr;
@@ -605,7 +602,7 @@ void morphology(Kind kind, const KuvImage* src, KuvImage* dst, int32_t nIteratio
     if (blockBytes > INT32_MAX - 256) {
         return kuvSetErrStatus(KUV_StsOutOfMemory);
     }
-    std::unique_ptr<uint8_t, FreeBlock> block(
+    OwnBlock<uint8_t> block(
         static_cast<uint8_t*>(kuvMalloc(static_cast<int32_t>(blockBytes))));
     if (!block) return kuvSetErrStatus(KUV_StsOutOfMemory);
     // Bits past a row's samples are read by whole words and never used;

@@ -29,20 +29,8 @@ constexpr const char* kFile = "kuvCSep2";
 constexpr char kGray[4] = {'G', 'R', 'A', 'Y'};
 constexpr char kSeqG[4] = {'G', '\0', '\0', '\0'};
 
-struct FreeBlock {
-    void operator()(void* block) const { kuvFree(block); }
-};
-using Block = std::unique_ptr<char, FreeBlock>;
-
-struct FreeImage {
-    void operator()(KuvImage* image) const { kuvDeallocate(image, KUV_IMAGE_ALL); }
-};
-using TempImage = std::unique_ptr<KuvImage, FreeImage>;
-
-Block allocate(int64_t bytes) {
-    if (bytes < 1 || bytes > INT32_MAX) return Block();
-    return Block(static_cast<char*>(kuvMalloc(static_cast<int32_t>(bytes))));
-}
+using Block = OwnBlock<char>;
+using TempImage = OwnTempImage;
 
 void outOfMemory() { kuvSetErrStatus(KUV_StsOutOfMemory); }
 
@@ -57,7 +45,7 @@ bool makeSepKernel(const K* record, bool row, OwnSepKernel* k, Block* taps) {
     const int32_t n = row ? record->nCols : record->nRows;
     // Row kernels of 2 and 4 taps run as 3 and 5 with a zero tap behind.
     const int32_t padded = row && (n == 2 || n == 4) ? n + 1 : n;
-    *taps = allocate(int64_t{padded} * 4);
+    *taps = ownAllocBlock(int64_t{padded} * 4);
     if (!*taps) return false;
     std::memcpy(taps->get(), record->values, static_cast<size_t>(n) * 4);
     std::memset(taps->get() + int64_t{n} * 4, 0, static_cast<size_t>(padded - n) * 4);
@@ -413,9 +401,9 @@ void ownCSep2(const KuvImage* src, KuvImage* dst, const K* xKernel, const K* yKe
     // Every row buffer of the call, taken before the first pixel is written.
     const int64_t span = e.width + e.wide - 1;
     Block mid, out, unpacked;
-    if (e.hasRow && e.hasColumn) mid = allocate(span * e.samples * 4);
-    if (!e.direct) out = allocate(e.width * e.samples * e.elem);
-    if (e.bits) unpacked = allocate(span * e.tall);
+    if (e.hasRow && e.hasColumn) mid = ownAllocBlock(span * e.samples * 4);
+    if (!e.direct) out = ownAllocBlock(e.width * e.samples * e.elem);
+    if (e.bits) unpacked = ownAllocBlock(span * e.tall);
     if ((e.hasRow && e.hasColumn && !mid) || (!e.direct && !out) || (e.bits && !unpacked)) {
         return outOfMemory();
     }

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 // ------------------------------------------------------------- thread context
 
@@ -73,6 +74,26 @@ KuvStatus ownCheckHeaderFields(const OwnHeaderFields& fields);
 // that tests can prove nothing leaks.
 void* ownImageBlockAlloc(size_t bytes);
 void ownImageBlockFree(void* block);
+
+// Owners of a call's temporaries, so that every path out of the call frees
+// them: a block of the kuvMalloc family, and an image made whole by the
+// library (header, pixels, region and mask together).
+struct OwnFreeBlock {
+    void operator()(void* block) const { kuvFree(block); }
+};
+template <class T = char>
+using OwnBlock = std::unique_ptr<T, OwnFreeBlock>;
+
+// A block of bytes bytes; empty for a size kuvMalloc cannot take.
+inline OwnBlock<char> ownAllocBlock(int64_t bytes) {
+    if (bytes < 1 || bytes > INT32_MAX) return OwnBlock<char>();
+    return OwnBlock<char>(static_cast<char*>(kuvMalloc(static_cast<int32_t>(bytes))));
+}
+
+struct OwnFreeImage {
+    void operator()(KuvImage* image) const { kuvDeallocate(image, KUV_IMAGE_ALL); }
+};
+using OwnTempImage = std::unique_ptr<KuvImage, OwnFreeImage>;
 
 // Blocks of the kuvMalloc family and pixel blocks that are still outstanding.
 long ownOutstandingBlocks();

@@ -142,8 +142,8 @@ struct Spoilt {
     KuvTileInfo tile{tileCallBack, 0, nullptr, 8, 8};
     bool texts = true;
     std::unique_ptr<Spoilt> mask;
-    Spoilt(const KuvImage& base, const KuvImage* good, const std::string& spec) : h(base), goodMask(good) {
-        std::istringstream items(spec);
+    Spoilt(const KuvImage& base, const KuvImage* good, const std::string& edits) : h(base), goodMask(good) {
+        std::istringstream items(edits);
         for (std::string item; items >> item;) apply(item);
     }
     void apply(const std::string& item) {
@@ -173,7 +173,7 @@ struct Spoilt {
 
 // Changes to a valid 3-channel 8U 6x5 header in the order of the field rules, pairs showing which
 // comes first; the status of the check and of allocation, and creation's where it looks at texts.
-const struct { const char* spec; KuvStatus status, create = 1; /* 1: as status */ } ruleCases[] = {
+const struct { const char* edits; KuvStatus status, create = 1; /* 1: as status */ } ruleCases[] = {
     {"", 0}, {"width=0", -10}, {"height=-1", -10}, {"width=0 nChannels=0", -10}, {"nChannels=0", -15},
     {"nChannels=-2 depth=12", -15}, {"nChannels=0 depth=1", -15}, {"depth=1", -16},
     {"depth=1 texts", -16}, {"depth=1 nChannels=1", 0}, {"texts", 0, -14}, {"texts depth=12", -17, -14},
@@ -209,14 +209,14 @@ TEST(FieldRules, SameOrderInCreationAllocationAndCheck) {
     ImagePtr created = makeHeader(3, KUV_DEPTH_8U, 0, 4, 6, 5);
     ReportCapture capture;
     kuvSetErrStatus(-3);
-    auto check = [&](const char* spec, KuvStatus status) {
-        SCOPED_TRACE(spec);
-        Spoilt checked(*pixels, good.get(), spec);
+    auto check = [&](const char* edits, KuvStatus status) {
+        SCOPED_TRACE(edits);
+        Spoilt checked(*pixels, good.get(), edits);
         EXPECT_EQ(kuvCheckImageHeader(&checked.h), status);
         EXPECT_TRUE(kuvGetErrStatus() == (status ? status : -3) && capture.count() == 0) << "stored silently";
         kuvSetErrStatus(-3);
     };
-    for (const auto& [spec, status] : checkCases) check(spec, status);
+    for (const auto& [edits, status] : checkCases) check(edits, status);
     auto reported = [&capture](KuvStatus status, const char* func) {
         EXPECT_TRUE(status ? oneReport(capture, status, func, dataIns, allocFile)
                            : ::testing::AssertionResult(capture.count() == 0 && kuvGetErrStatus() == -3));
@@ -224,10 +224,10 @@ TEST(FieldRules, SameOrderInCreationAllocationAndCheck) {
         kuvSetErrStatus(-3);
     };
     for (const auto& c : ruleCases) {
-        check(c.spec, c.status);
-        SCOPED_TRACE(c.spec);
+        check(c.edits, c.status);
+        SCOPED_TRACE(c.edits);
         const KuvStatus create = c.create == 1 ? c.status : c.create;
-        Spoilt f(*created, good.get(), c.spec);
+        Spoilt f(*created, good.get(), c.edits);
         const char* text = f.texts ? "RGB" : nullptr;
         KuvImage* image = kuvCreateImageHeader(f.h.nChannels, f.h.alphaChannel, f.h.depth, text, text,
                                                f.h.dataOrder, f.h.origin, f.h.align, f.h.width, f.h.height,
