@@ -410,39 +410,33 @@ bool walkDestinationTiles(const Call& c, const View* whole) {
     const int64_t tw = tiles->width, th = tiles->height;
     const int64_t x0 = c.dx, y0 = c.dy, x1 = c.dx + c.width, y1 = c.dy + c.height;
     const ptrdiff_t step = ownTileRowBytes(dst);
-    for (int64_t row = y0 / th; row <= (y1 - 1) / th; ++row) {
-        for (int64_t col = x0 / tw; col <= (x1 - 1) / tw; ++col) {
-            const int64_t px = std::max(x0, col * tw), py = std::max(y0, row * th);
-            const int64_t bw = std::min(x1, (col + 1) * tw) - px;
-            const int64_t bh = std::min(y1, (row + 1) * th) - py;
-            const int64_t bx = px - x0, by = py - y0;
-            View w;
-            Block window;
-            if (whole != nullptr) {
-                w = *whole;
-                const int bits = ownDepthBits(c.src->depth);
-                if (bits == 1) w.bit += bx;
-                else w.data += bx * w.samples * (bits / 8);
-                w.data += by * w.step;
-            } else {
-                window.reset(windowOf(c, bx, by, bw, bh, &w));
-                if (!window) return noWindow();
-            }
-            tiles->callBack(dst, static_cast<int32_t>(col), static_cast<int32_t>(row),
-                            KUV_TILE_WRITE);
-            char* tile = tiles->tileData;
-            if (tile == nullptr) {
-                report(KUV_StsFailure, "Error get tile to write", __LINE__);
-                return false;
-            }
-            c.worker(c.job, w, viewOf(dst, tile, step, th, px - col * tw, py - row * th), bx, by,
-                     bw, bh);
-            tiles->tileData = tile;
-            tiles->callBack(dst, static_cast<int32_t>(col), static_cast<int32_t>(row),
-                            KUV_TILE_RELEASE);
+    return ownForEachTilePiece(x0, y0, x1, y1, tw, th, [&](const OwnTilePiece& p) {
+        View w;
+        Block window;
+        if (whole != nullptr) {
+            w = *whole;
+            const int bits = ownDepthBits(c.src->depth);
+            if (bits == 1) w.bit += p.dx;
+            else w.data += p.dx * w.samples * (bits / 8);
+            w.data += p.dy * w.step;
+        } else {
+            window.reset(windowOf(c, p.dx, p.dy, p.width, p.height, &w));
+            if (!window) return noWindow();
         }
-    }
-    return true;
+        tiles->callBack(dst, static_cast<int32_t>(p.col), static_cast<int32_t>(p.row),
+                        KUV_TILE_WRITE);
+        char* tile = tiles->tileData;
+        if (tile == nullptr) {
+            report(KUV_StsFailure, "Error get tile to write", __LINE__);
+            return false;
+        }
+        c.worker(c.job, w, viewOf(dst, tile, step, th, p.x - p.col * tw, p.y - p.row * th), p.dx,
+                 p.dy, p.width, p.height);
+        tiles->tileData = tile;
+        tiles->callBack(dst, static_cast<int32_t>(p.col), static_cast<int32_t>(p.row),
+                        KUV_TILE_RELEASE);
+        return true;
+    });
 }
 
 bool run(const Call& c) {

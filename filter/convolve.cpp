@@ -547,41 +547,42 @@ int tileWalk(const Call& call, const KuvImage* srcImage, KuvImage* dstImage, con
         if (!whole.block) return NO_MEMORY;
     }
     const Extents e = call.ext;
-    for (int32_t row = dy / th; row <= (dy + h - 1) / th; ++row) {
-        for (int32_t col = dx / tw; col <= (dx + w - 1) / tw; ++col) {
-            const int32_t x0 = std::max(dx, col * tw), x1 = std::min(dx + w, (col + 1) * tw);
-            const int32_t y0 = std::max(dy, row * th), y1 = std::min(dy + h, (row + 1) * th);
-            if (x0 >= x1 || y0 >= y1) break;
-            const int32_t ox = x0 - dx, oy = y0 - dy, pw = x1 - x0, ph = y1 - y0;
-            info->callBack(dstImage, col, row, KUV_TILE_WRITE);
-            char* tile = info->tileData;
-            if (tile == nullptr) return NO_TILE;
-            Side tileSide{tile,
-                          tileStep,
-                          tileStep * th,
-                          x0 - col * tw,
-                          y0 - row * th,
-                          dstImage->nChannels,
-                          dstImage->alphaChannel,
-                          dstCoi};
-            const MaskView tileMask = mask.moved(ox, oy);
-            int out;
-            if (how == TileSource::WholeWindowFirst) {
-                out = convolveRect(call, whole.side.moved(ox, oy), tileSide, tileMask, pw, ph);
-            } else {
-                const Side s = src.moved(ox, oy);
-                const bool inside = how == TileSource::InPlaceWhereInside && s.x >= e.left &&
-                                    s.y >= e.top &&
-                                    int64_t{s.x} + pw + e.right - 1 <= srcImage->width &&
-                                    int64_t{s.y} + ph + e.bottom - 1 <= srcImage->height;
-                out = convolvePiece(call, s, inside, tileSide, tileMask, pw, ph);
-            }
-            info->tileData = tile;
-            info->callBack(dstImage, col, row, KUV_TILE_RELEASE);
-            if (out != DONE) return out;
+    int out = DONE;
+    ownForEachTilePiece(dx, dy, int64_t{dx} + w, int64_t{dy} + h, tw, th,
+                        [&](const OwnTilePiece& t) {
+        const auto col = int32_t(t.col), row = int32_t(t.row);
+        const auto ox = int32_t(t.dx), oy = int32_t(t.dy), pw = int32_t(t.width),
+                   ph = int32_t(t.height);
+        info->callBack(dstImage, col, row, KUV_TILE_WRITE);
+        char* tile = info->tileData;
+        if (tile == nullptr) {
+            out = NO_TILE;
+            return false;
         }
-    }
-    return DONE;
+        Side tileSide{tile,
+                      tileStep,
+                      tileStep * th,
+                      int32_t(t.x - int64_t{col} * tw),
+                      int32_t(t.y - int64_t{row} * th),
+                      dstImage->nChannels,
+                      dstImage->alphaChannel,
+                      dstCoi};
+        const MaskView tileMask = mask.moved(ox, oy);
+        if (how == TileSource::WholeWindowFirst) {
+            out = convolveRect(call, whole.side.moved(ox, oy), tileSide, tileMask, pw, ph);
+        } else {
+            const Side s = src.moved(ox, oy);
+            const bool inside = how == TileSource::InPlaceWhereInside && s.x >= e.left &&
+                                s.y >= e.top &&
+                                int64_t{s.x} + pw + e.right - 1 <= srcImage->width &&
+                                int64_t{s.y} + ph + e.bottom - 1 <= srcImage->height;
+            out = convolvePiece(call, s, inside, tileSide, tileMask, pw, ph);
+        }
+        info->tileData = tile;
+        info->callBack(dstImage, col, row, KUV_TILE_RELEASE);
+        return out == DONE;
+    });
+    return out;
 }
 
 // ------------------------------------------------------------------ engine

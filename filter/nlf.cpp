@@ -159,28 +159,24 @@ void runDestinationTiles(Pass& p) {
     const int64_t tileStep = ownTileRowBytes(p.dst);
     const Buffer none{nullptr, static_cast<ptrdiff_t>(tileStep),
                       static_cast<ptrdiff_t>(tileStep * th)};
-    for (int64_t row = p.dy / th; row * th < p.dy + p.height; ++row) {
-        const int64_t y0 = std::max(p.dy, row * th), y1 = std::min(p.dy + p.height, (row + 1) * th);
-        for (int64_t col = p.dx / tw; col * tw < p.dx + p.width; ++col) {
-            const int64_t x0 = std::max(p.dx, col * tw);
-            const int64_t x1 = std::min(p.dx + p.width, (col + 1) * tw);
-            tiles->callBack(p.dst, static_cast<int32_t>(col), static_cast<int32_t>(row),
-                            KUV_TILE_WRITE);
-            char* tile = tiles->tileData;
-            if (tile == nullptr) {
-                p.stopped = true;
-                return;
-            }
-            Buffer dst = none;
-            dst.data = tile;
-            const bool ok = sourceBlock(p, dst, x0 - col * tw, y0 - row * th, x0 - p.dx, y0 - p.dy,
-                                        x1 - x0, y1 - y0);
-            tiles->tileData = tile;
-            tiles->callBack(p.dst, static_cast<int32_t>(col), static_cast<int32_t>(row),
-                            KUV_TILE_RELEASE);
-            if (!ok) return;
-        }
-    }
+    ownForEachTilePiece(p.dx, p.dy, p.dx + p.width, p.dy + p.height, tw, th,
+                        [&](const OwnTilePiece& t) {
+                            tiles->callBack(p.dst, static_cast<int32_t>(t.col),
+                                            static_cast<int32_t>(t.row), KUV_TILE_WRITE);
+                            char* tile = tiles->tileData;
+                            if (tile == nullptr) {
+                                p.stopped = true;
+                                return false;
+                            }
+                            Buffer dst = none;
+                            dst.data = tile;
+                            const bool ok = sourceBlock(p, dst, t.x - t.col * tw, t.y - t.row * th,
+                                                        t.dx, t.dy, t.width, t.height);
+                            tiles->tileData = tile;
+                            tiles->callBack(p.dst, static_cast<int32_t>(t.col),
+                                            static_cast<int32_t>(t.row), KUV_TILE_RELEASE);
+                            return ok;
+                        });
 }
 
 void runPass(Pass& p) {

@@ -248,34 +248,28 @@ bool runTiled(const Engine& e) {
     const KuvTileInfo* grid = dst->tileInfo != nullptr ? dst->tileInfo : e.src->tileInfo;
     const int64_t tw = grid->width, th = grid->height;
     const int64_t x0 = e.dx, y0 = e.dy, x1 = e.dx + e.width, y1 = e.dy + e.height;
-    for (int64_t row = y0 / th; row <= (y1 - 1) / th; ++row) {
-        for (int64_t col = x0 / tw; col <= (x1 - 1) / tw; ++col) {
-            const int64_t px = std::max(x0, col * tw), py = std::max(y0, row * th);
-            const int64_t bw = std::min(x1, (col + 1) * tw) - px;
-            const int64_t bh = std::min(y1, (row + 1) * th) - py;
-            const int64_t bx = px - x0, by = py - y0;
-            SrcView s;
-            Block window(windowOf(e, bx, by, bw, bh, &s));
-            if (!window) return false;
-            if (dst->tileInfo == nullptr) {
-                runBlock(e, s, dstInImage(e, bx, by), bx, by, bw, bh);
-                continue;
-            }
-            KuvTileInfo* tiles = dst->tileInfo;
-            tiles->callBack(dst, static_cast<int32_t>(col), static_cast<int32_t>(row),
-                            KUV_TILE_WRITE);
-            char* tile = tiles->tileData;
-            if (tile == nullptr) return false;
-            const ptrdiff_t step = ownTileRowBytes(dst);
-            runBlock(e, s, dstAt(e, tile, step, step * th, px - col * tw, py - row * th), bx, by,
-                     bw, bh);
-            window.reset();
-            tiles->tileData = tile;
-            tiles->callBack(dst, static_cast<int32_t>(col), static_cast<int32_t>(row),
-                            KUV_TILE_RELEASE);
+    return ownForEachTilePiece(x0, y0, x1, y1, tw, th, [&](const OwnTilePiece& p) {
+        SrcView s;
+        Block window(windowOf(e, p.dx, p.dy, p.width, p.height, &s));
+        if (!window) return false;
+        if (dst->tileInfo == nullptr) {
+            runBlock(e, s, dstInImage(e, p.dx, p.dy), p.dx, p.dy, p.width, p.height);
+            return true;
         }
-    }
-    return true;
+        KuvTileInfo* tiles = dst->tileInfo;
+        tiles->callBack(dst, static_cast<int32_t>(p.col), static_cast<int32_t>(p.row),
+                        KUV_TILE_WRITE);
+        char* tile = tiles->tileData;
+        if (tile == nullptr) return false;
+        const ptrdiff_t step = ownTileRowBytes(dst);
+        runBlock(e, s, dstAt(e, tile, step, step * th, p.x - p.col * tw, p.y - p.row * th), p.dx,
+                 p.dy, p.width, p.height);
+        window.reset();
+        tiles->tileData = tile;
+        tiles->callBack(dst, static_cast<int32_t>(p.col), static_cast<int32_t>(p.row),
+                        KUV_TILE_RELEASE);
+        return true;
+    });
 }
 
 struct Region {

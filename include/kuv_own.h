@@ -210,6 +210,30 @@ void ownTileGrid(const KuvImage* image, int32_t height, int32_t width, int32_t* 
                  int32_t* firstCol, int32_t* firstRow, int32_t* colCount, int32_t* rowCount);
 char* ownElementAddress(const KuvImage* image, int32_t x, int32_t y, int32_t channel);
 
+// One piece of a rectangle cut by a tile grid: its tile's column and row,
+// its start in image coordinates and from the rectangle's start, its size.
+struct OwnTilePiece {
+    int64_t col, row, x, y, dx, dy, width, height;
+};
+
+// Calls piece(OwnTilePiece) for the rectangle (x0, y0)-(x1, y1), exclusive
+// ends, cut by tiles of tw x th, row of tiles by row, left to right; stops
+// and gives false as soon as piece does.
+template <class Piece>
+bool ownForEachTilePiece(int64_t x0, int64_t y0, int64_t x1, int64_t y1, int64_t tw, int64_t th,
+                         Piece&& piece) {
+    for (int64_t row = y0 / th; row <= (y1 - 1) / th; ++row) {
+        for (int64_t col = x0 / tw; col <= (x1 - 1) / tw; ++col) {
+            const int64_t px = col * tw > x0 ? col * tw : x0, py = row * th > y0 ? row * th : y0;
+            const int64_t ex = (col + 1) * tw < x1 ? (col + 1) * tw : x1;
+            const int64_t ey = (row + 1) * th < y1 ? (row + 1) * th : y1;
+            if (!piece(OwnTilePiece{col, row, px, py, px - x0, py - y0, ex - px, ey - py}))
+                return false;
+        }
+    }
+    return true;
+}
+
 // Test hook: 0 forces the baseline copy kernels and window row copies, any
 // other value lets the CPU check choose them.
 void ownCopySelectPath(int path);

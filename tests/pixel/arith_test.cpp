@@ -2,7 +2,7 @@
 // and the pattern driver behind them. One seeded engine runs any pixelwise operation
 // against a reference written here from its element rule over depth x order x region
 // x coi x alpha x mask x tiles x in place; logic_test.cpp uses it and the tables too.
-#include "tests/support/kuv_test.h"
+#include "tests/pixel/pixel_engine.h"
 
 #include <algorithm>
 #include <cfloat>
@@ -17,10 +17,6 @@
 namespace pixeltest {
 
 using namespace kuvtest;
-using Elem = std::function<double(double a, double b)>;   // b is 0 with one source
-using Call = std::function<void(const KuvImage* a, const KuvImage* b, KuvImage* d)>;
-// Draws what one case runs: a label, the call and its element rule.
-using Pick = std::function<void(Rng& rng, std::string* label, Call* call, Elem* elem)>;
 
 struct OpInfo {
     const char* file;
@@ -334,17 +330,6 @@ void expectElement(const std::string& name, uint32_t depth, double a, double b, 
         if (region) expectUnchangedExcept(before, im[2].get(), [](int x, int, int) { return x >= 1 && x < 66; });
     }
 }
-
-// One refusal: the operation, its arguments by letter (see images()), the
-// value, and the one report expected; status 0 means no report and nothing written.
-struct Refusal {
-    const char* op;
-    const char* args;
-    int32_t value;
-    KuvStatus status;
-    const char* func;
-    const char* context;
-};
 
 namespace {
 

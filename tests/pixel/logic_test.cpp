@@ -2,7 +2,7 @@
 // rules written here; exact values; every refusal and every count that turns a shift
 // into a logic operation; the bit-row kernels against a bit-by-bit reference; guard
 // pages that fault on any byte touched outside what a region, a mask or a bit row needs.
-#include "tests/support/kuv_test.h"
+#include "tests/pixel/pixel_engine.h"
 
 #include "kuv_own.h"
 
@@ -18,23 +18,6 @@
 #include <string>
 #include <vector>
 
-namespace pixeltest {   // defined in arith_test.cpp
-using Elem = std::function<double(double a, double b)>;
-using Call = std::function<void(const KuvImage* a, const KuvImage* b, KuvImage* d)>;
-using Pick = std::function<void(kuvtest::Rng& rng, std::string* label, Call* call, Elem* elem)>;
-struct Refusal {
-    const char* op;
-    const char* args;
-    int32_t value;
-    KuvStatus status;
-    const char* func;
-    const char* context;
-};
-Call callOf(const std::string& name, int32_t value, int32_t flip, float fvalue);
-void run(int nSrc, bool absRule, uint32_t depth, int order, uint64_t seed0, int cases, const Pick& pick);
-void expectElement(const std::string& name, uint32_t depth, double a, double b, int32_t flip, double want);
-void expectRefusals(const std::vector<Refusal>& rows);
-}  // namespace pixeltest
 
 namespace {
 
