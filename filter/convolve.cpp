@@ -734,22 +734,18 @@ int ownConvolve2D(const KuvImage* srcImage, KuvImage* dstImage, Record* const* k
         call.nCh = cs;
     }
 
-    // Masks: one is read where its region starts; two are merged first into
-    // a mask of the rectangle's size.
+    // Masks: one is read where its region starts; two are merged first, as
+    // for every pixelwise operation.
     std::unique_ptr<KuvImage, FreeMask> merged;
     MaskView mask;
     const KuvImage *ms = srcCopy.maskROI, *md = dstCopy.maskROI;
-    if (ms != nullptr && md != nullptr) {
-        merged.reset(kuvCreateImageHeader(1, 0, KUV_DEPTH_1U, "GRAY", "G", KUV_DATA_ORDER_PLANE,
-                                          md->origin, 8, w, h, nullptr, nullptr, 0, nullptr));
-        if (!merged) return NO_MEMORY;
-        kuvAllocateImage(merged.get(), 0, 0);
-        if (merged->imageData == nullptr) return NO_MEMORY;
-        kuvAnd(ms, md, merged.get());
-        mask =
-            MaskView{reinterpret_cast<const uint8_t*>(merged->imageData), merged->widthStep, 0, 0};
-    } else if (ms != nullptr || md != nullptr) {
-        const KuvImage* m = ms != nullptr ? ms : md;
+    int outcome = OWN_MASK_NONE_OR_ONE;
+    const KuvImage* m = ownMergeMasks(ms, md, nullptr, &outcome);
+    if (outcome == OWN_MASK_NO_MEMORY) return NO_MEMORY;
+    if (outcome == OWN_MASK_TEMPORARY) {
+        merged.reset(const_cast<KuvImage*>(m));
+        mask = MaskView{reinterpret_cast<const uint8_t*>(m->imageData), m->widthStep, 0, 0};
+    } else if (m != nullptr) {
         const Region r = regionOf(m);
         mask = MaskView{reinterpret_cast<const uint8_t*>(m->imageData), m->widthStep, r.x, r.y};
     }
