@@ -6,6 +6,10 @@
 //                            of interest 1, 2, 3 into one-channel headers over
 //                            the planes of a plane-order image
 //   BM_cvSplit_8UC3          cv::split into Mats over the same three planes
+//   BM_kuvConvert_8UC3_split pixel order to planes in one call: kuvConvert
+//                            between equal depths rewrites the data order
+//   BM_kuvConvert_8UC3_merge planes to pixel order, the same way back
+//   BM_cvMerge_8UC3          cv::merge of the three planes
 //   BM_kuvSet_8UC3           kuvSet of a whole image
 //   BM_cvSetTo_8UC3          cv::Mat::setTo of the same image
 // Each kuv case is first checked against its peer, untimed.
@@ -173,6 +177,50 @@ void BM_cvSplit_8UC3(benchmark::State& state) {
     state.SetBytesProcessed(state.iterations() * 2 * int64_t{im.src->imageSize});
 }
 
+void BM_kuvConvert_8UC3_split(benchmark::State& state) {
+    Images& im = images();
+    if (!im.ok) return state.SkipWithError("images could not be made");
+    kuvSetErrStatus(KUV_StsNoError);
+    clearPlanes(im);
+    kuvConvert(im.src, im.planes);
+    if (!planesMatchSplit(im)) return state.SkipWithError("planes differ from cv::split");
+    for (auto _ : state) {
+        kuvConvert(im.src, im.planes);
+        benchmark::ClobberMemory();
+    }
+    if (kuvGetErrStatus() != KUV_StsNoError) return state.SkipWithError("kuvConvert reported");
+    state.SetBytesProcessed(state.iterations() * 2 * int64_t{im.src->imageSize});
+}
+
+void BM_kuvConvert_8UC3_merge(benchmark::State& state) {
+    Images& im = images();
+    if (!im.ok) return state.SkipWithError("images could not be made");
+    kuvSetErrStatus(KUV_StsNoError);
+    cv::split(im.srcMat, im.planeMats);
+    std::memset(im.dst->imageData, 0, static_cast<size_t>(im.dst->imageSize));
+    kuvConvert(im.planes, im.dst);
+    if (cv::norm(im.srcMat, im.dstMat, cv::NORM_INF) != 0.0)
+        return state.SkipWithError("pixels differ from the source");
+    for (auto _ : state) {
+        kuvConvert(im.planes, im.dst);
+        benchmark::ClobberMemory();
+    }
+    if (kuvGetErrStatus() != KUV_StsNoError) return state.SkipWithError("kuvConvert reported");
+    state.SetBytesProcessed(state.iterations() * 2 * int64_t{im.src->imageSize});
+}
+
+void BM_cvMerge_8UC3(benchmark::State& state) {
+    Images& im = images();
+    if (!im.ok) return state.SkipWithError("images could not be made");
+    const uchar* before = im.dstMat.data;
+    for (auto _ : state) {
+        cv::merge(im.planeMats, im.dstMat);
+        benchmark::ClobberMemory();
+    }
+    if (im.dstMat.data != before) return state.SkipWithError("cv::merge reallocated");
+    state.SetBytesProcessed(state.iterations() * 2 * int64_t{im.src->imageSize});
+}
+
 void BM_kuvSet_8UC3(benchmark::State& state) {
     Images& im = images();
     if (!im.ok) return state.SkipWithError("images could not be made");
@@ -204,6 +252,9 @@ BENCHMARK(BM_kuvCopy_8UC3_whole);
 BENCHMARK(BM_memcpyForCopy_8UC3_whole);
 BENCHMARK(BM_kuvCopy_8UC3_split);
 BENCHMARK(BM_cvSplit_8UC3);
+BENCHMARK(BM_kuvConvert_8UC3_split);
+BENCHMARK(BM_kuvConvert_8UC3_merge);
+BENCHMARK(BM_cvMerge_8UC3);
 BENCHMARK(BM_kuvSet_8UC3);
 BENCHMARK(BM_cvSetTo_8UC3);
 

@@ -34,6 +34,10 @@ inline int intIndex(uint32_t depth) {
     }
 }
 
+// 4-byte elements d[k] = table[s[k]] for k < n (AVX-512 VBMI), in bytetable.cpp.
+void byteTableRun(const uint8_t* s, void* d, ptrdiff_t n, const void* table);
+bool haveByteTableRuns();
+
 // How a worker moves along a run of elements: the plain loops, which the
 // compiler vectorises for the worker's instruction set.
 struct PlainRuns {
@@ -48,15 +52,86 @@ struct PlainRuns {
                                                ptrdiff_t pd, ptrdiff_t n) {
         for (ptrdiff_t k = 0; k < n; ++k) d[k * pd] = op(s[k * ps]);
     }
+    // All channels of a row between pixel order and planes. One loop over the
+    // pixels lets the compiler gather a group of 3 or 4 elements with byte
+    // permutes; a strided loop per channel would gather element by element.
+    template <class Op>
+    [[gnu::always_inline]] static void split3(const Op& op, const typename Op::S* __restrict s,
+                                              typename Op::D* __restrict d0,
+                                              typename Op::D* __restrict d1,
+                                              typename Op::D* __restrict d2, ptrdiff_t n) {
+        for (ptrdiff_t k = 0; k < n; ++k) {
+            d0[k] = op(s[3 * k]);
+            d1[k] = op(s[3 * k + 1]);
+            d2[k] = op(s[3 * k + 2]);
+        }
+    }
+    template <class Op>
+    [[gnu::always_inline]] static void split4(
+        const Op& op, const typename Op::S* __restrict s, typename Op::D* __restrict d0,
+        typename Op::D* __restrict d1, typename Op::D* __restrict d2,
+        typename Op::D* __restrict d3, ptrdiff_t n) {
+        for (ptrdiff_t k = 0; k < n; ++k) {
+            d0[k] = op(s[4 * k]);
+            d1[k] = op(s[4 * k + 1]);
+            d2[k] = op(s[4 * k + 2]);
+            d3[k] = op(s[4 * k + 3]);
+        }
+    }
+    template <class Op>
+    [[gnu::always_inline]] static void merge3(const Op& op, const typename Op::S* __restrict s0,
+                                              const typename Op::S* __restrict s1,
+                                              const typename Op::S* __restrict s2,
+                                              typename Op::D* __restrict d, ptrdiff_t n) {
+        for (ptrdiff_t k = 0; k < n; ++k) {
+            d[3 * k] = op(s0[k]);
+            d[3 * k + 1] = op(s1[k]);
+            d[3 * k + 2] = op(s2[k]);
+        }
+    }
+    template <class Op>
+    [[gnu::always_inline]] static void merge4(
+        const Op& op, const typename Op::S* __restrict s0, const typename Op::S* __restrict s1,
+        const typename Op::S* __restrict s2, const typename Op::S* __restrict s3,
+        typename Op::D* __restrict d, ptrdiff_t n) {
+        for (ptrdiff_t k = 0; k < n; ++k) {
+            d[4 * k] = op(s0[k]);
+            d[4 * k + 1] = op(s1[k]);
+            d[4 * k + 2] = op(s2[k]);
+            d[4 * k + 3] = op(s3[k]);
+        }
+    }
 };
 
-// Rows, then channels, then columns. Packed pixels on both sides make a row
-// one run; single elements per pixel on both sides make a channel's row one
-// run; anything else steps through the pixels.
-// 4-byte elements d[k] = table[s[k]] for k < n (AVX-512 VBMI), in bytetable.cpp.
-void byteTableRun(const uint8_t* s, void* d, ptrdiff_t n, const void* table);
-bool haveByteTableRuns();
+// Rows of 3 or 4 channels with pixel order on one side and planes on the
+// other, all channels of a row in one loop. False for any other layout.
+template <class Op, class Runs>
+[[gnu::always_inline]] inline bool groupedRows(const Job& job, const Op& op) {
+    using S = typename Op::S;
+    using D = typename Op::D;
+    const Side &s = job.src, &d = job.dst;
+    const int32_t n = job.nCh;
+    if (n != 3 && n != 4) return false;
+    const bool split = s.pixStep == n && s.chanStep == ptrdiff_t{sizeof(S)} && d.pixStep == 1;
+    const bool merge = d.pixStep == n && d.chanStep == ptrdiff_t{sizeof(D)} && s.pixStep == 1;
+    if (!split && !merge) return false;
+    const char* sRow = s.base;
+    char* dRow = d.base;
+    const auto in = [&](int c) { return reinterpret_cast<const S*>(sRow + c * s.chanStep); };
+    const auto out = [&](int c) { return reinterpret_cast<D*>(dRow + c * d.chanStep); };
+    for (int32_t y = 0; y < job.height; ++y, sRow += s.rowStep, dRow += d.rowStep) {
+        if (split && n == 3) Runs::split3(op, in(0), out(0), out(1), out(2), job.width);
+        else if (split) Runs::split4(op, in(0), out(0), out(1), out(2), out(3), job.width);
+        else if (n == 3) Runs::merge3(op, in(0), in(1), in(2), out(0), job.width);
+        else Runs::merge4(op, in(0), in(1), in(2), in(3), out(0), job.width);
+    }
+    return true;
+}
 
+// Rows, then channels, then columns. Packed pixels on both sides make a row
+// one run; pixel order against planes takes a row of all channels at once;
+// single elements per pixel on both sides make a channel's row one run;
+// anything else steps through the pixels.
 template <class Op, class Runs = PlainRuns>
 [[gnu::always_inline]] inline void elementRows(const Job& job, const Op& op) {
     using S = typename Op::S;
@@ -79,6 +154,7 @@ template <class Op, class Runs = PlainRuns>
         }
         return;
     }
+    if (groupedRows<Op, Runs>(job, op)) return;
     for (int32_t y = 0; y < job.height; ++y, sRow += s.rowStep, dRow += d.rowStep) {
         for (int32_t c = 0; c < job.nCh; ++c) {
             const S* sp = reinterpret_cast<const S*>(sRow + c * s.chanStep);
@@ -106,8 +182,9 @@ __attribute__((KUV_DEPTH_SEPARATE_ROUNDING)) void elementWorker(const Job& job) 
 // The same loop for wider instruction sets. Integer maps move little data
 // per element and run fastest in 128-bit vectors with AVX2's instructions,
 // and in 256-bit ones where AVX-512's word and byte instructions (narrowing
-// moves among them) are there; the double-precision maps of the float scale
-// gain from every lane, and most from AVX-512's conversions.
+// moves and the byte permutes that split pixels into planes among them) are
+// there; the double-precision maps of the float scale gain from every lane,
+// and most from AVX-512's conversions.
 #if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
 template <class Op>
 __attribute__((target("avx2,prefer-vector-width=128"), KUV_DEPTH_SEPARATE_ROUNDING)) void
@@ -122,7 +199,7 @@ __attribute__((target("avx2"), KUV_DEPTH_SEPARATE_ROUNDING)) void elementWorkerA
 }
 
 template <class Op>
-__attribute__((target("avx512f,avx512vl,avx512dq,avx512bw,prefer-vector-width=256"),
+__attribute__((target("avx512f,avx512vl,avx512dq,avx512bw,avx512vbmi,prefer-vector-width=256"),
                KUV_DEPTH_SEPARATE_ROUNDING)) void
 elementWorkerAvx512Narrow(const Job& job) {
     elementRows(job, Op(job.param));
@@ -150,7 +227,7 @@ struct ByteTableRuns : PlainRuns {
 constexpr int64_t kByteTableMin = 4096;
 
 template <class Op>
-__attribute__((target("avx512f,avx512vl,avx512dq,avx512bw"), KUV_DEPTH_SEPARATE_ROUNDING)) void
+__attribute__((target("avx512f,avx512vl,avx512dq,avx512bw,avx512vbmi"), KUV_DEPTH_SEPARATE_ROUNDING)) void
 elementWorkerAvx512(const Job& job) {
     const Op op(job.param);
     using S = typename Op::S;

@@ -9,7 +9,9 @@ namespace {
 
 int detectLevel() {
     const unsigned features = ownPlatformCpuFeatures();
-    if (features & OWN_CPU_AVX512) return LEVEL_AVX512;
+    // The AVX-512 workers use the byte permutes too; a processor without them
+    // runs the AVX2 workers.
+    if ((features & OWN_CPU_AVX512) && (features & OWN_CPU_AVX512VBMI)) return LEVEL_AVX512;
     if (features & OWN_CPU_AVX2) return LEVEL_AVX2;
     return LEVEL_BASE;
 }

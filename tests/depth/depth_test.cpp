@@ -109,6 +109,31 @@ TEST(ConvertValues, EveryValueToEveryIntegerDepthSaturates) {
         for (uint32_t d : kInt) expectRow(s, d, valuesOf(s), convertOp, [d](double v) { return saturateTo(d, v); });
 }
 
+// Pixel order into planes and back, 3 and 4 channels, at every level: rows
+// long enough for the vector loops, with a tail, padding and turned over.
+TEST(ConvertValues, PixelOrderToPlanesAndBackAtEveryLevel) {
+    for (int level = kuv::depth::machineVectorLevel(); level >= 0; --level) {
+        kuv::depth::setVectorLevel(level);
+        for (uint32_t sd : kInt)
+            for (uint32_t dd : kInt)
+                for (int n : {3, 4})
+                    for (int order : {KUV_DATA_ORDER_PIXEL, KUV_DATA_ORDER_PLANE}) {
+                        SCOPED_TRACE(::testing::Message() << depthName(sd) << " -> " << depthName(dd) << " " << n << " channels, source order "
+                                                          << order << ", level " << level);
+                        ImagePtr src = makeImage(sd, n, 203, 3, order), dst = makeImage(dd, n, 203, 3, 1 - order);
+                        fillRandom(src.get(), sd * 7 + dd + uint64_t(n));
+                        dst->origin = 1;
+                        kuvConvert(src.get(), dst.get());
+                        for (int y = 0, bad = 0; y < 3; ++y)
+                            for (int x = 0; x < 203; ++x)
+                                for (int c = 0; c < n && bad < 3; ++c)
+                                    if (get(dst.get(), x, 2 - y, c) != saturateTo(dd, get(src.get(), x, y, c)) && ++bad)
+                                        ADD_FAILURE() << "at " << x << "," << y << " channel " << c;
+                    }
+    }
+    kuv::depth::setVectorLevel(kuv::depth::machineVectorLevel());
+}
+
 TEST(ScaleValues, EveryValueThroughTheIntegerMaps) {
     for (uint32_t s : kInt)
         for (uint32_t d : kInt)
