@@ -118,6 +118,7 @@ unsigned readCpuFeatures() {
 // threads that race here store the same word.
 constexpr unsigned featuresKnown = 1u << 31;
 std::atomic<unsigned> featureWord{0};
+std::atomic<unsigned> featureLimit{~0u};
 
 }  // namespace
 
@@ -127,7 +128,11 @@ unsigned ownPlatformCpuFeatures() {
         f = readCpuFeatures() | featuresKnown;
         featureWord.store(f, std::memory_order_relaxed);
     }
-    return f & ~featuresKnown;
+    return f & ~featuresKnown & featureLimit.load(std::memory_order_relaxed);
+}
+
+unsigned ownPlatformLimitFeatures(unsigned allowed) {
+    return featureLimit.exchange(allowed, std::memory_order_relaxed);
 }
 
 uint64_t ownPlatformCycleCounter() {

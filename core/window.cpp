@@ -162,12 +162,11 @@ inline void copySmall(char* dst, const char* src, int64_t bytes) {
 // whose 32-byte stores are all aligned, with one unaligned store at each end,
 // beats the library memcpy on rows of a few thousand bytes, which aligns its
 // stores too but reads 64 bytes at a time, most of them across two cache
-// lines. Chosen once from the processor; tests may force the memcpy.
+// lines. The processor is asked per row of 256 bytes or more, where the
+// question costs nothing beside the copy; tests withhold AVX2 to force the
+// memcpy.
 #if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
 #define KUV_WINDOW_HAVE_AVX2 1
-
-const bool machineAvx2 = (ownPlatformCpuFeatures() & OWN_CPU_AVX2) != 0;
-bool rowsAvx2 = machineAvx2;
 
 __attribute__((target("avx2"))) inline __m256i load32(const char* p) {
     return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
@@ -197,7 +196,9 @@ __attribute__((target("avx2"))) void copyRowAvx2(char* dst, const char* src, int
 inline void copyBytes(char* dst, const char* src, int64_t bytes) {
     if (bytes <= 16) return copySmall(dst, src, bytes);
 #ifdef KUV_WINDOW_HAVE_AVX2
-    if (bytes >= 256 && rowsAvx2) return copyRowAvx2(dst, src, bytes);
+    if (bytes >= 256 && (ownPlatformCpuFeatures() & OWN_CPU_AVX2) != 0) {
+        return copyRowAvx2(dst, src, bytes);
+    }
 #endif
     std::memcpy(dst, src, static_cast<size_t>(bytes));
 }
@@ -834,16 +835,6 @@ char* ownCopyWindowAs(const KuvImage* image, const KuvImage* owner, int32_t x, i
 }
 
 void ownFreeWindow(char* window) { kuvFree(window); }
-
-// Test hook, set through ownCopySelectPath: 0 copies window rows with
-// memcpy, anything else as the processor allows.
-void ownWindowSelectPath(int path) {
-#ifdef KUV_WINDOW_HAVE_AVX2
-    rowsAvx2 = path != 0 && machineAvx2;
-#else
-    (void)path;
-#endif
-}
 
 void ownGetBorderedLine(const KuvImage* image, int32_t x, int32_t y, int32_t channel,
                         void* buffer, int32_t count) {

@@ -205,19 +205,14 @@ struct FieldSwap {
 
 // ------------------------------------------------------------- element rows
 
-// Which instruction set the strided copies run on: chosen once from the CPU,
-// and overridable by tests through ownCopySelectPath.
-int forcedPath = -1;
-
-bool cpuHasAvx2() {
+// Which instruction set the strided copies run on, asked once per call.
+bool vectorPath() {
 #ifdef KUV_COPY_HAVE_AVX2
     return (ownPlatformCpuFeatures() & OWN_CPU_AVX2) != 0;
 #else
     return false;
 #endif
 }
-
-bool vectorPath() { return forcedPath != 0 && cpuHasAvx2(); }
 
 // Pixels of g elements each, moved from a stride of ss elements to one of ds.
 // Strides known at compile time let the compiler turn a channel split or
@@ -1082,13 +1077,6 @@ void setImage(KuvImage* dst, int32_t value) {
 
 }  // namespace
 }  // namespace kuv
-
-// AVX2 is the only vector level here, so 1, the widest, and 2, AVX2 at most,
-// are the same.
-void ownCopySelectPath(int path) {
-    kuv::forcedPath = path;
-    ownWindowSelectPath(path);
-}
 
 extern "C" {
 

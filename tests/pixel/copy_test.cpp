@@ -208,12 +208,14 @@ void runRandomCases(Op op, uint64_t firstSeed, int cases) {
     EXPECT_GT(changed, cases / 2);   // masks and regions empty some cases, not most
 }
 
+// Features allowed on each kernel path: none, all, AVX2 at most.
+constexpr unsigned kPathFeatures[3] = {0u, ~0u, OWN_CPU_AVX2 | OWN_CPU_FMA};
+
 TEST(CopyRandom, CopyOnEveryKernelPath) {
     for (int path : {0, 1, 2}) {   // baseline, the best level, AVX2 at most
-        ownCopySelectPath(path);
+        const FeatureLimit limit(kPathFeatures[path]);
         runRandomCases(Op::Copy, 1000 + path * 5000, 1000);
     }
-    ownCopySelectPath(-1);
 }
 
 TEST(CopyRandom, Exchange) { runRandomCases(Op::Exchange, 50000, 2000); }
@@ -224,7 +226,7 @@ TEST(CopyRandom, Set) { runRandomCases(Op::Set, 80000, 2000); }
 // byte: under AddressSanitizer a read past what the row needs is caught.
 TEST(CopyRandom, ChannelSplitKernelsReadNoBytePastTheRow) {
     for (int path : {0, 1, 2}) {
-        ownCopySelectPath(path);
+        const FeatureLimit limit(kPathFeatures[path]);
         for (int n = 2; n <= 4; ++n)
             for (int width = 1; width <= 100; ++width) {
                 std::vector<char> exact(size_t(n * width * 2));
@@ -245,7 +247,6 @@ TEST(CopyRandom, ChannelSplitKernelsReadNoBytePastTheRow) {
                 src->imageData = nullptr;
             }
     }
-    ownCopySelectPath(-1);
 }
 
 // ------------------------------------------------------------------ refusals
