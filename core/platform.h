@@ -59,7 +59,9 @@ public:
     OwnRoundNearest& operator=(const OwnRoundNearest&) = delete;
 
 private:
-    int saved_;
+    // The caller's control words of the two units (x86: SSE, then x87), or
+    // the rounding mode of <cfenv> elsewhere.
+    unsigned saved_[2];
 };
 
 #endif
