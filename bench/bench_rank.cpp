@@ -27,6 +27,7 @@
 #include <string>
 
 #include "filter/nlf.h"
+#include "core/platform.h"
 #include "kuv.h"
 
 namespace {
@@ -135,17 +136,17 @@ double difference(Case c) {
 void BM_kuvNlf(benchmark::State& state, Case c, bool portable) {
     Images& im = images();
     if (!im.ok()) return state.SkipWithError("no image");
-    ownNlfSelectPath(portable ? 0 : -1);
+    ownPlatformLimitFeatures(portable ? 0u : ~0u);
     const double diff = difference(c);
     if (diff > (c == GAUSS5 ? 1.0 : 0.0)) {
-        ownNlfSelectPath(-1);
+        ownPlatformLimitFeatures(~0u);
         return state.SkipWithError(("differs from OpenCV by " + std::to_string(diff)).c_str());
     }
     for (auto _ : state) {
         runKuv(c, im);
         benchmark::ClobberMemory();
     }
-    ownNlfSelectPath(-1);
+    ownPlatformLimitFeatures(~0u);
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kWidth * kHeight);
 }
 

@@ -23,8 +23,8 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "filter/blur.h"
 #include "filter/sep_rows.h"
+#include "core/platform.h"
 #include "kuv.h"
 
 namespace {
@@ -88,7 +88,7 @@ void BM_kuvSep7(benchmark::State& state, const int32_t* taps, int shift, int pat
     int32_t values[7];
     std::copy(taps, taps + 7, values);
     const KuvConvKernel kx{7, 1, 3, 0, values, shift}, ky{1, 7, 0, 3, values, 0};
-    ownSepSelectPath(path);
+    ownPlatformLimitFeatures(path == 0 ? 0u : ~0u);
     kuvConvolveSep2D(im.src, im.dst, &kx, &ky);
     if (kuvGetErrStatus() != 0) return state.SkipWithError("kuvConvolveSep2D failed");
     cv::Mat k = cv::Mat(1, 7, CV_32F);
@@ -100,7 +100,7 @@ void BM_kuvSep7(benchmark::State& state, const int32_t* taps, int shift, int pat
         kuvConvolveSep2D(im.src, im.dst, &kx, &ky);
         benchmark::ClobberMemory();
     }
-    ownSepSelectPath(-1);
+    ownPlatformLimitFeatures(~0u);
     state.SetItemsProcessed(int64_t(state.iterations()) * kWidth * kHeight);
 }
 
@@ -120,7 +120,7 @@ void BM_cvSepFilter7(benchmark::State& state) {
 void BM_kuvBlur(benchmark::State& state, int n, int path) {
     Images& im = images();
     if (!im.ok()) return state.SkipWithError("no image");
-    ownBlurSelectPath(path);
+    ownPlatformLimitFeatures(path == 0 ? 0u : ~0u);
     kuvBlur(im.src, im.dst, n, n, n / 2, n / 2);
     if (kuvGetErrStatus() != 0) return state.SkipWithError("kuvBlur failed");
     cv::Mat reference;
@@ -130,7 +130,7 @@ void BM_kuvBlur(benchmark::State& state, int n, int path) {
         kuvBlur(im.src, im.dst, n, n, n / 2, n / 2);
         benchmark::ClobberMemory();
     }
-    ownBlurSelectPath(-1);
+    ownPlatformLimitFeatures(~0u);
     state.SetItemsProcessed(int64_t(state.iterations()) * kWidth * kHeight);
 }
 

@@ -118,6 +118,7 @@ unsigned readCpuFeatures() {
 // threads that race here store the same word.
 constexpr unsigned featuresKnown = 1u << 31;
 std::atomic<unsigned> featureWord{0};
+std::atomic<unsigned> featureLimit{~0u};
 
 }  // namespace
 
@@ -127,7 +128,11 @@ unsigned ownPlatformCpuFeatures() {
         f = readCpuFeatures() | featuresKnown;
         featureWord.store(f, std::memory_order_relaxed);
     }
-    return f & ~featuresKnown;
+    return f & ~featuresKnown & featureLimit.load(std::memory_order_relaxed);
+}
+
+unsigned ownPlatformLimitFeatures(unsigned allowed) {
+    return featureLimit.exchange(allowed, std::memory_order_relaxed);
 }
 
 uint64_t ownPlatformCycleCounter() {
@@ -140,10 +145,52 @@ uint64_t ownPlatformCycleCounter() {
 #endif
 }
 
-OwnRoundNearest::OwnRoundNearest() : saved_(std::fegetround()) {
-    if (saved_ != FE_TONEAREST) std::fesetround(FE_TONEAREST);
+// On x86 the SSE unit and the x87 unit each keep a rounding mode, and a
+// caller may have changed one alone (_mm_setcsr, fldcw); <cfenv> reads only
+// one of them. The float work may run on either, so both are set and both
+// are put back.
+#if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
+namespace {
+constexpr unsigned kSseRounding = 0x6000u;   // MXCSR bits 13-14, 0 is nearest
+constexpr unsigned kX87Rounding = 0x0C00u;   // control word bits 10-11, 0 is nearest
+
+unsigned readX87() {
+    unsigned short cw = 0;
+    __asm__ volatile("fnstcw %0" : "=m"(cw));
+    return cw;
+}
+
+void writeX87(unsigned value) {
+    const unsigned short cw = static_cast<unsigned short>(value);
+    __asm__ volatile("fldcw %0" : : "m"(cw));
+}
+
+#if defined(__x86_64__) || defined(__SSE__)
+unsigned readSse() { return _mm_getcsr(); }
+void writeSse(unsigned value) { _mm_setcsr(value); }
+#else
+unsigned readSse() { return 0; }
+void writeSse(unsigned) {}
+#endif
+}  // namespace
+
+OwnRoundNearest::OwnRoundNearest() : saved_{readSse(), readX87()} {
+    if (saved_[0] & kSseRounding) writeSse(saved_[0] & ~kSseRounding);
+    if (saved_[1] & kX87Rounding) writeX87(saved_[1] & ~kX87Rounding);
+}
+
+// Only the rounding bits go back: the exception flags that the call raised
+// stay raised, as they would with fesetround.
+OwnRoundNearest::~OwnRoundNearest() {
+    if (saved_[0] & kSseRounding) writeSse(readSse() | (saved_[0] & kSseRounding));
+    if (saved_[1] & kX87Rounding) writeX87(readX87() | (saved_[1] & kX87Rounding));
+}
+#else
+OwnRoundNearest::OwnRoundNearest() : saved_{static_cast<unsigned>(std::fegetround()), 0} {
+    if (static_cast<int>(saved_[0]) != FE_TONEAREST) std::fesetround(FE_TONEAREST);
 }
 
 OwnRoundNearest::~OwnRoundNearest() {
-    if (saved_ != FE_TONEAREST) std::fesetround(saved_);
+    if (static_cast<int>(saved_[0]) != FE_TONEAREST) std::fesetround(static_cast<int>(saved_[0]));
 }
+#endif

@@ -33,8 +33,10 @@ int ownPlatformMessageBox(const char* text, const char* caption, uint32_t type);
 // The processor's time-stamp counter, or the nearest monotonic tick source.
 uint64_t ownPlatformCycleCounter();
 
-// Instruction-set extensions of this processor that the vector workers use,
-// read once. Each bit names a set the operating system also saves.
+// Instruction-set extensions that the vector workers may use: the
+// processor's, read once, less any that a test has withheld. Each bit names a
+// set the operating system also saves. Dispatchers ask on every call, so a
+// limit set by a test reaches every family at once.
 enum OwnCpuFeature : unsigned {
     OWN_CPU_AVX2 = 1u,
     OWN_CPU_FMA = 2u,
@@ -42,6 +44,10 @@ enum OwnCpuFeature : unsigned {
     OWN_CPU_AVX512VBMI = 8u,    // with OWN_CPU_AVX512
 };
 unsigned ownPlatformCpuFeatures();
+
+// Test hook: from now on ownPlatformCpuFeatures gives no bit outside
+// `allowed` (~0u: the processor's own). Gives the previous limit.
+unsigned ownPlatformLimitFeatures(unsigned allowed);
 
 // Sets the floating-point rounding to nearest (ties to even) for the life of
 // the object and puts the caller's mode back after, on every path.
@@ -53,7 +59,9 @@ public:
     OwnRoundNearest& operator=(const OwnRoundNearest&) = delete;
 
 private:
-    int saved_;
+    // The caller's control words of the two units (x86: SSE, then x87), or
+    // the rounding mode of <cfenv> elsewhere.
+    unsigned saved_[2];
 };
 
 #endif

@@ -162,12 +162,10 @@ inline void copySmall(char* dst, const char* src, int64_t bytes) {
 // whose 32-byte stores are all aligned, with one unaligned store at each end,
 // beats the library memcpy on rows of a few thousand bytes, which aligns its
 // stores too but reads 64 bytes at a time, most of them across two cache
-// lines. Chosen once from the processor; tests may force the memcpy.
+// lines. The processor is asked once per call; tests withhold AVX2 to force
+// the memcpy.
 #if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
 #define KUV_WINDOW_HAVE_AVX2 1
-
-const bool machineAvx2 = (ownPlatformCpuFeatures() & OWN_CPU_AVX2) != 0;
-bool rowsAvx2 = machineAvx2;
 
 __attribute__((target("avx2"))) inline __m256i load32(const char* p) {
     return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
@@ -194,10 +192,13 @@ __attribute__((target("avx2"))) void copyRowAvx2(char* dst, const char* src, int
 }
 #endif
 
-inline void copyBytes(char* dst, const char* src, int64_t bytes) {
+// wide: the AVX2 rows may run (Source::wideRows).
+inline void copyBytes(char* dst, const char* src, int64_t bytes, bool wide) {
     if (bytes <= 16) return copySmall(dst, src, bytes);
 #ifdef KUV_WINDOW_HAVE_AVX2
-    if (bytes >= 256 && rowsAvx2) return copyRowAvx2(dst, src, bytes);
+    if (bytes >= 256 && wide) return copyRowAvx2(dst, src, bytes);
+#else
+    (void)wide;
 #endif
     std::memcpy(dst, src, static_cast<size_t>(bytes));
 }
@@ -292,6 +293,7 @@ struct Source {
     int64_t unit;       // bytes of one pixel within one plane (0 for bits)
     int planes;
     ReverseFn reverse;
+    bool wideRows;      // rows of 256 bytes or more copied by the AVX2 loop
     // untiled
     const char* data;
     int64_t step, planeBytes;
@@ -321,6 +323,9 @@ bool describe(const KuvImage* image, Source* s) {
     s->unit = s->pixelOrder ? int64_t{element} * image->nChannels : element;
     s->planes = s->pixelOrder ? 1 : image->nChannels;
     s->reverse = reverseFor(s->unit);
+#ifdef KUV_WINDOW_HAVE_AVX2
+    s->wideRows = (ownPlatformCpuFeatures() & OWN_CPU_AVX2) != 0;
+#endif
     s->tiles = image->tileInfo;
     if (s->tiles == nullptr) {
         if (image->imageData == nullptr || image->widthStep < 1) return false;
@@ -350,7 +355,7 @@ inline void copyRun(const Source& s, const char* srcRow, int64_t from, bool back
         return;
     }
     if (backward) s.reverse(dstRow + to * s.unit, srcRow + from * s.unit, n, s.unit);
-    else copyBytes(dstRow + to * s.unit, srcRow + from * s.unit, n * s.unit);
+    else copyBytes(dstRow + to * s.unit, srcRow + from * s.unit, n * s.unit, s.wideRows);
 }
 
 // Hands back tiles granted[0 .. count-1] of one tile row, last to first, each
@@ -480,7 +485,7 @@ void fillConstant(const Source& s, const Window& w, int64_t col, int64_t n, int6
                 setBits(reinterpret_cast<uint8_t*>(w.row(p, row + r)), col, n, c.bit);
             } else {
                 copyBytes(w.row(p, row + r) + col * s.unit, w.row(p, row) + col * s.unit,
-                          n * s.unit);
+                          n * s.unit, s.wideRows);
             }
         }
     }
@@ -516,7 +521,7 @@ void spreadColumns(const Source& s, const Window& w, int64_t col, int64_t n, int
 void copyRowDown(const Source& s, const Window& w, int64_t row, int64_t rows) {
     for (int p = 0; p < s.planes; ++p) {
         for (int64_t r = 1; r < rows; ++r) {
-            copyBytes(w.row(p, row + r), w.row(p, row), w.rowBytes);
+            copyBytes(w.row(p, row + r), w.row(p, row), w.rowBytes, s.wideRows);
         }
     }
 }
@@ -646,7 +651,7 @@ void buildRowByRow(const Source& s, const Window& w, int64_t y0, int64_t y1,
                 char* to = dst + rs->to;
                 const char* from = src + rs->from;
                 switch (rs->span.kind) {
-                    case SPAN_FORWARD: copyBytes(to, from, rs->bytes); break;
+                    case SPAN_FORWARD: copyBytes(to, from, rs->bytes, s.wideRows); break;
                     case SPAN_BACKWARD:
                         if constexpr (U > 0) {
                             for (int64_t i = 0; i < rs->span.len; ++i) {
@@ -670,7 +675,7 @@ void buildRowByRow(const Source& s, const Window& w, int64_t y0, int64_t y1,
                             fillBytes(to, rs->c.bytes[0], rs->bytes);
                         } else {
                             if (y == y0) fillConstantRun(s, dst, rs->col, rs->span.len, rs->c);
-                            else copyBytes(to, to - w.step, rs->bytes);
+                            else copyBytes(to, to - w.step, rs->bytes, s.wideRows);
                         }
                         break;
                 }
@@ -834,16 +839,6 @@ char* ownCopyWindowAs(const KuvImage* image, const KuvImage* owner, int32_t x, i
 }
 
 void ownFreeWindow(char* window) { kuvFree(window); }
-
-// Test hook, set through ownCopySelectPath: 0 copies window rows with
-// memcpy, anything else as the processor allows.
-void ownWindowSelectPath(int path) {
-#ifdef KUV_WINDOW_HAVE_AVX2
-    rowsAvx2 = path != 0 && machineAvx2;
-#else
-    (void)path;
-#endif
-}
 
 void ownGetBorderedLine(const KuvImage* image, int32_t x, int32_t y, int32_t channel,
                         void* buffer, int32_t count) {

@@ -110,11 +110,12 @@ inline bool badHeader(const KuvImage* image, const Names& names,
 enum VectorLevel : int { LEVEL_BASE = 0, LEVEL_AVX2 = 1, LEVEL_AVX512 = 2 };
 constexpr int kVectorLevels = 3;
 
-// The level the workers run at: the processor's, found once at load, or
-// lower where tests ask for it to compare each level with the baseline.
+// The level the workers run at: the processor's, or lower where tests
+// withhold features to compare each level with the baseline. setVectorLevel
+// sets that limit for every family; the processor's level lifts it.
 int vectorLevel();
 int machineVectorLevel();
-void setVectorLevel(int level);   // limited to the processor's level
+void setVectorLevel(int level);
 
 }  // namespace kuv::depth
 

@@ -7,8 +7,7 @@
 namespace kuv::depth {
 namespace {
 
-int detectLevel() {
-    const unsigned features = ownPlatformCpuFeatures();
+int levelOf(unsigned features) {
     // The AVX-512 workers use the byte permutes too; a processor without them
     // runs the AVX2 workers.
     if ((features & OWN_CPU_AVX512) && (features & OWN_CPU_AVX512VBMI)) return LEVEL_AVX512;
@@ -16,8 +15,8 @@ int detectLevel() {
     return LEVEL_BASE;
 }
 
-const int machineLevel = detectLevel();
-int currentLevel = machineLevel;
+// Read at load, before any test could withhold a feature.
+const int machineLevel = levelOf(ownPlatformCpuFeatures());
 
 // One image of the walk with its layout and the tile it holds.
 struct Cursor {
@@ -129,12 +128,13 @@ struct Cursor {
 
 }  // namespace
 
-int vectorLevel() { return currentLevel; }
+int vectorLevel() { return levelOf(ownPlatformCpuFeatures()); }
 
 int machineVectorLevel() { return machineLevel; }
 
 void setVectorLevel(int level) {
-    currentLevel = level < LEVEL_BASE ? LEVEL_BASE : level > machineLevel ? machineLevel : level;
+    const unsigned upTo[kVectorLevels] = {0u, OWN_CPU_AVX2 | OWN_CPU_FMA, ~0u};
+    ownPlatformLimitFeatures(level >= machineLevel ? ~0u : upTo[level < LEVEL_BASE ? LEVEL_BASE : level]);
 }
 
 bool runWalk(const Walk& walk, PieceWorker worker, const void* param, void* state) {

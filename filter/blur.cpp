@@ -11,8 +11,8 @@
 // samples at a time; 32S and 32F follow the running updates one by one, as
 // their sums are rounded and drift. The mean s * f is taken in double
 // precision with f a 32-bit float, and rounded to nearest with ties to even.
-#include "filter/blur.h"
 
+#include "kuv_own.h"
 #include "core/platform.h"
 
 #include <algorithm>
@@ -311,12 +311,9 @@ constexpr WorkerRow kVector[OWN_DEPTH_COUNT] = {
 };
 #endif
 
-int forcedPath = -1;
-
 bool vectorPath() {
 #ifdef KUV_BLUR_HAVE_AVX2
-    const bool has = (ownPlatformCpuFeatures() & OWN_CPU_AVX2) != 0;
-    return forcedPath < 0 ? has : forcedPath == 1 && has;
+    return (ownPlatformCpuFeatures() & OWN_CPU_AVX2) != 0;
 #else
     return false;
 #endif
@@ -574,10 +571,6 @@ void blur(const KuvImage* src, KuvImage* dst, int32_t nCols, int32_t nRows, int3
 }
 
 }  // namespace
-
-// Test hook: -1 lets the CPU check choose, 0 forces the portable worker, 1 the
-// AVX2 one where the CPU has it.
-void ownBlurSelectPath(int path) { forcedPath = path; }
 
 extern "C" KUV_API void kuvBlur(const KuvImage* srcImage, KuvImage* dstImage, int32_t nCols,
                                 int32_t nRows, int32_t anchorX, int32_t anchorY) {

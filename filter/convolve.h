@@ -121,7 +121,7 @@ struct OwnConvRows {
 };
 
 const OwnConvRows& ownConvRowsBase();
-const OwnConvRows& ownConvRowsVector();   // only where ownFilterVectorAvailable()
+const OwnConvRows& ownConvRowsVector();   // only where ownFilterVectorRows()
 
 // The set that runs: the vector set when the filter rows run vectorised.
 const OwnConvRows& ownConvRows();

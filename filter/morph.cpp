@@ -145,14 +145,12 @@ namespace {
 
 // ------------------------------------------------------------ worker choice
 
-int forcedPath = -1;
-
 bool cpuHasAvx2() { return (ownPlatformCpuFeatures() & OWN_CPU_AVX2) != 0; }
 
 OwnMorphSet chooseWorkers() {
     OwnMorphSet set{ownMorphMin, ownMorphMax, ownMorphMinRows, ownMorphMaxRows};
     OwnMorphSet vector{};
-    if (forcedPath != 0 && cpuHasAvx2() && ownMorphVectorSet(&vector)) set = vector;
+    if (cpuHasAvx2() && ownMorphVectorSet(&vector)) set = vector;
     return set;
 }
 
@@ -664,8 +662,6 @@ void morphology(Kind kind, const KuvImage* src, KuvImage* dst, int32_t nIteratio
 }
 
 }  // namespace
-
-void ownMorphSelectPath(int path) { forcedPath = path; }
 
 }  // namespace kuv::morph
 

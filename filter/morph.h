@@ -114,10 +114,6 @@ constexpr OwnMorphRowOps rowOps() {
             }};
 }
 
-// Test hook: -1 lets the processor check choose the workers, 0 forces the
-// baseline ones, 1 the vector ones where the processor has them.
-void ownMorphSelectPath(int path);
-
 }  // namespace kuv::morph
 
 #endif  // KUV_FILTER_MORPH_H

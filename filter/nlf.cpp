@@ -189,18 +189,12 @@ void runPass(Pass& p) {
 
 int32_t coiOf(const KuvImage* image) { return image->roi != nullptr ? image->roi->coi : 0; }
 
-bool cpuHasVector() {
+}  // namespace
+
+bool ownNlfVectorPath() {
     const unsigned need = OWN_CPU_AVX2 | OWN_CPU_FMA;
     return (ownPlatformCpuFeatures() & need) == need;
 }
-
-const bool haveVector = cpuHasVector();
-bool useVector = haveVector;
-
-}  // namespace
-
-void ownNlfSelectPath(int path) { useVector = path < 0 ? haveVector : path == 1 && haveVector; }
-bool ownNlfVectorPath() { return useVector; }
 
 void ownNlfDriver(const KuvImage* srcImage, KuvImage* dstImage, const OwnNlfRequest& request,
                   OwnNlfWorker worker, bool continueAfterFailure) {

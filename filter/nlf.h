@@ -75,9 +75,8 @@ inline constexpr const char* ownNlfFile = "kuvnlf";
 
 // ------------------------------------------------------------------ paths
 
-// Test hook: -1 lets the CPU check choose, 0 forces the portable workers,
-// 1 the AVX2 ones where the CPU has AVX2 and FMA. Both give the same pixels.
-void ownNlfSelectPath(int path);
+// Whether the AVX2 workers run (the processor has AVX2 and FMA, and no test
+// withholds them); both kinds give the same pixels.
 bool ownNlfVectorPath();
 
 // The median strategy that the portable workers take for a depth and window.

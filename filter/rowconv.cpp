@@ -20,17 +20,6 @@
 namespace kuv::rowconv {
 namespace {
 
-bool processorHasVector() {
-#if KUV_ROWCONV_X86
-    const unsigned need = OWN_CPU_AVX2 | OWN_CPU_FMA;
-    return (ownPlatformCpuFeatures() & need) == need;
-#else
-    return false;
-#endif
-}
-
-const bool vectorAvailable = processorHasVector();
-bool vectorOn = vectorAvailable;
 
 template <class T>
 [[gnu::always_inline]] inline void toFloatRun(const void* src, ptrdiff_t stride, float* dst,
@@ -156,18 +145,23 @@ constexpr Converters table[OWN_DEPTH_COUNT] = {
 
 using namespace kuv::rowconv;
 
-bool ownFilterVectorRows() { return vectorOn; }
-void ownSetFilterVectorRows(bool enable) { vectorOn = enable && vectorAvailable; }
-bool ownFilterVectorAvailable() { return vectorAvailable; }
+bool ownFilterVectorRows() {
+#if KUV_ROWCONV_X86
+    const unsigned need = OWN_CPU_AVX2 | OWN_CPU_FMA;
+    return (ownPlatformCpuFeatures() & need) == need;
+#else
+    return false;
+#endif
+}
 
 OwnRowToFloat ownRowToFloat(uint32_t depth) {
     const int d = ownDepthIndex(depth);
-    return d < 0 ? nullptr : table[d].toFloat[vectorOn ? 1 : 0];
+    return d < 0 ? nullptr : table[d].toFloat[ownFilterVectorRows() ? 1 : 0];
 }
 
 OwnFloatToRow ownFloatToRow(uint32_t depth) {
     const int d = ownDepthIndex(depth);
-    return d < 0 ? nullptr : table[d].fromFloat[vectorOn ? 1 : 0];
+    return d < 0 ? nullptr : table[d].fromFloat[ownFilterVectorRows() ? 1 : 0];
 }
 
 void ownBitsToFloat(const uint8_t* row, int32_t bitOffset, float* dst, int32_t n) {

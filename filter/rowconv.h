@@ -142,12 +142,8 @@ void ownBitsToFloat(const uint8_t* row, int32_t bitOffset, float* dst, int32_t n
 void ownFloatToBits(const float* src, uint8_t* row, int32_t bitOffset, const uint8_t* mask,
                     int32_t n);
 
-// Whether the vector forms of the filter rows run: decided once at load
-// from the processor (AVX2 with FMA). Tests switch it off to compare the
-// vector forms with the baseline ones; enabling takes effect only where the
-// processor has them.
+// Whether the vector forms of the filter rows run (AVX2 with FMA), asked once
+// per call; tests withhold the features to run the baseline forms.
 bool ownFilterVectorRows();
-void ownSetFilterVectorRows(bool enable);
-bool ownFilterVectorAvailable();
 
 #endif

@@ -221,9 +221,7 @@ constexpr Table kPortable = makeTable<Portable>();
 constexpr Table kVector = makeTable<Vector>();
 #endif
 
-int forcedPath = -1;
-
-bool cpuHasAvx2() {
+bool vectorPath() {
 #ifdef KUV_SEP_HAVE_AVX2
     return (ownPlatformCpuFeatures() & OWN_CPU_AVX2) != 0;
 #else
@@ -231,7 +229,6 @@ bool cpuHasAvx2() {
 #endif
 }
 
-bool vectorPath() { return forcedPath < 0 ? cpuHasAvx2() : forcedPath == 1 && cpuHasAvx2(); }
 
 // ------------------------------------------------------------------ 16 bits
 
@@ -377,4 +374,3 @@ const OwnSepNarrow* ownSepNarrow(int depthIndex, const OwnSepKernel& column,
 #endif
 }
 
-void ownSepSelectPath(int path) { forcedPath = path; }

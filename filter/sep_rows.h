@@ -49,8 +49,4 @@ struct OwnSepNarrow {
 const OwnSepNarrow* ownSepNarrow(int depthIndex, const OwnSepKernel& column,
                                  const OwnSepKernel& row);
 
-// Test hook: -1 lets the CPU check choose, 0 forces the portable workers,
-// 1 the vector ones where the CPU has them.
-void ownSepSelectPath(int path);
-
 #endif

@@ -234,11 +234,6 @@ bool ownForEachTilePiece(int64_t x0, int64_t y0, int64_t x1, int64_t y1, int64_t
     return true;
 }
 
-// Test hook: 0 forces the baseline copy kernels and window row copies, any
-// other value lets the CPU check choose them.
-void ownCopySelectPath(int path);
-// The window half of that hook alone.
-void ownWindowSelectPath(int path);
 
 // ------------------------------------------------------------- reports
 

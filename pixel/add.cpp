@@ -47,23 +47,7 @@ constexpr WorkerPair addTable[OWN_DEPTH_COUNT] = {
 
 constexpr PatternOp addOp = {.func = "kuvAdd", .file = "kuvadd", .nSrc = 2, .table = addTable};
 
-// The processor is asked once, at load; the row loops of the whole family
-// follow pixelWideRows.
-bool processorHasAvx2() {
-    __builtin_cpu_init();
-    return __builtin_cpu_supports("avx2") != 0;
-}
-const bool avx2Available = processorHasAvx2();
-
 }  // namespace
-
-bool pixelWideRows = avx2Available;
-
-bool setPixelWideRows(bool enable) {
-    const bool previous = pixelWideRows;
-    pixelWideRows = enable && avx2Available;
-    return previous;
-}
 
 }  // namespace kuv
 

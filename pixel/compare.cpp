@@ -470,13 +470,16 @@ KUV_AVX2 void compareWorkerAvx2(const Geometry& g, const Constant& k) {
     compareRows<D, Cmp, IsScalar, true>(g, k);
 }
 
-const bool avx2Available = (ownPlatformCpuFeatures() & OWN_CPU_AVX2) != 0;
-#else
-const bool avx2Available = false;
 #endif
 
-// Chosen once at load; tests switch it off to check the plain workers.
-bool wideWorkers = avx2Available;
+// Asked once per call; tests withhold AVX2 to check the plain workers.
+bool wideWorkers() {
+#if KUV_COMPARE_AVX2
+    return (ownPlatformCpuFeatures() & OWN_CPU_AVX2) != 0;
+#else
+    return false;
+#endif
+}
 
 // ------------------------------------------------------------------ tables
 
@@ -915,7 +918,7 @@ KuvStatus runCompare(const CompareOp& op, const KuvImage* img1, const KuvImage* 
     }
     const int depth = ownDepthIndex(img1->depth);
     const Worker worker =
-        depth < 0 ? nullptr : wideWorkers ? (*op.table)[depth].wide : (*op.table)[depth].plain;
+        depth < 0 ? nullptr : wideWorkers() ? (*op.table)[depth].wide : (*op.table)[depth].plain;
     if (width <= 0 || height <= 0 || worker == nullptr) return KUV_StsNoError;
 
     TemporaryImage mask;
@@ -945,14 +948,6 @@ KuvStatus runCompare(const CompareOp& op, const KuvImage* img1, const KuvImage* 
 }
 
 }  // namespace
-
-// Test hook: true asks for the AVX2 workers where the processor has them,
-// false for the plain ones. Gives the previous choice.
-bool setCompareWideWorkers(bool enable) {
-    const bool previous = wideWorkers;
-    wideWorkers = enable && avx2Available;
-    return previous;
-}
 
 }  // namespace kuv
 

@@ -205,19 +205,14 @@ struct FieldSwap {
 
 // ------------------------------------------------------------- element rows
 
-// Which instruction set the strided copies run on: chosen once from the CPU,
-// and overridable by tests through ownCopySelectPath.
-int forcedPath = -1;
-
-bool cpuHasAvx2() {
+// Which instruction set the strided copies run on, asked once per call.
+bool vectorPath() {
 #ifdef KUV_COPY_HAVE_AVX2
     return (ownPlatformCpuFeatures() & OWN_CPU_AVX2) != 0;
 #else
     return false;
 #endif
 }
-
-bool vectorPath() { return forcedPath != 0 && cpuHasAvx2(); }
 
 // Pixels of g elements each, moved from a stride of ss elements to one of ds.
 // Strides known at compile time let the compiler turn a channel split or
@@ -513,7 +508,9 @@ bool setUpWalk(const char* func, const KuvImage* src, const KuvImage* dst, const
 }
 
 // Rows of `bytes` bytes each: one move when both sides are whole contiguous
-// rows apart from each other, else top row first.
+// rows apart from each other, else top row first. Two records on one buffer
+// may overlap; the copy then goes left to right with no guard, as the
+// per-pixel loops do, so that every path gives the same bytes.
 void moveRows(const char* s, ptrdiff_t sStep, char* d, ptrdiff_t dStep, size_t bytes,
               int32_t rows) {
     const size_t total = bytes * static_cast<size_t>(rows);
@@ -522,7 +519,13 @@ void moveRows(const char* s, ptrdiff_t sStep, char* d, ptrdiff_t dStep, size_t b
         std::memcpy(d, s, total);
         return;
     }
-    for (int32_t y = 0; y < rows; ++y, s += sStep, d += dStep) std::memmove(d, s, bytes);
+    for (int32_t y = 0; y < rows; ++y, s += sStep, d += dStep) {
+        if (s + bytes <= d || d + bytes <= s) {
+            std::memcpy(d, s, bytes);
+        } else {
+            for (size_t i = 0; i < bytes; ++i) d[i] = s[i];
+        }
+    }
 }
 
 template <class U>
@@ -724,12 +727,10 @@ void makeWorking(const KuvImage* image, Working* w) {
     // A tile is an ordinary image of the tile's size with the image's fields.
     const KuvTileInfo* info = image->tileInfo;
     const int32_t step = ownTileRowBytes(image);
-    const int32_t planes = image->dataOrder == KUV_DATA_ORDER_PLANE ? image->nChannels : 1;
     w->work.tileInfo = nullptr;
     w->work.width = info->width;
     w->work.height = info->height;
     w->work.widthStep = step;
-    w->work.imageSize = static_cast<int32_t>(int64_t{step} * info->height * planes);
     w->work.imageData = nullptr;
 }
 
@@ -759,8 +760,10 @@ void releaseTile(Working* w) {
 }
 
 struct ReleaseGuard {
-    Working* w;
-    ~ReleaseGuard() { releaseTile(w); }
+    Working* w;   // null: the tile stays held
+    ~ReleaseGuard() {
+        if (w != nullptr) releaseTile(w);
+    }
 };
 
 // Height (or width) of piece `index` of `count` along one axis of the grid.
@@ -778,12 +781,10 @@ bool takeWindow(Working* s, WindowHolder* holder, int32_t x, int32_t y, int32_t 
     int32_t step = 0;
     holder->window = ownCopyWindow(s->image, x, y, width, height, &step);
     if (holder->window == nullptr) return false;
-    const int32_t planes = s->image->dataOrder == KUV_DATA_ORDER_PLANE ? s->image->nChannels : 1;
     s->work.imageData = holder->window;
     s->work.widthStep = step;
     s->work.width = width;
     s->work.height = height;
-    s->work.imageSize = static_cast<int32_t>(int64_t{step} * height * planes);
     placeWorking(s, 0, 0, width, height);
     return true;
 }
@@ -869,17 +870,24 @@ void blockWalk(const char* func, const KuvImage* src, KuvImage* dst, const KuvIm
                 if constexpr (A == Act::Copy) copyImage(&s.work, &d.work);
                 else exchangeImages(&s.work, &d.work);
             } else {
+                WindowHolder window;   // freed after the tile is released
                 if (!requestTile(&d, col, row, KUV_TILE_WRITE)) {
                     report(KUV_StsFailure, func, "Error get tile to write", __LINE__);
                     return;
                 }
                 ReleaseGuard hold{&d};
-                WindowHolder window;
                 const int32_t sx = s.x0 + dx, sy = s.y0 + dy;
-                if (!takeWindow(&s, &window, sx, sy, pw, ph) || failed()) {
+                // A window that cannot be had ends the walk with the
+                // destination's tile still held. A fault of an earlier piece
+                // is reported again; the nested copy then writes nothing, but
+                // the walk goes on so that every tile is still requested and
+                // released.
+                if (!takeWindow(&s, &window, sx, sy, pw, ph)) {
+                    hold.w = nullptr;
                     report(KUV_StsBacktrace, func, "", __LINE__);
                     return;
                 }
+                if (failed()) report(KUV_StsBacktrace, func, "", __LINE__);
                 if constexpr (A == Act::Copy) {
                     copyImage(&s.work, &d.work);
                 } else {
@@ -1082,13 +1090,6 @@ void setImage(KuvImage* dst, int32_t value) {
 
 }  // namespace
 }  // namespace kuv
-
-// AVX2 is the only vector level here, so 1, the widest, and 2, AVX2 at most,
-// are the same.
-void ownCopySelectPath(int path) {
-    kuv::forcedPath = path;
-    ownWindowSelectPath(path);
-}
 
 extern "C" {
 

@@ -18,18 +18,16 @@
 #include <cstring>
 
 #include "core/pattern.h"
+#include "core/platform.h"
 
 #define KUV_PIXEL_AVX2 __attribute__((target("avx2")))
 
 namespace kuv {
 
-// True when the rows run through the AVX2 loops: chosen once at load by the
-// processor, and switchable by the tests so that the plain loops, the
-// reference, are run as well.
-extern bool pixelWideRows;
-// Test hook: true asks for the AVX2 loops where the processor has them, false
-// for the plain ones. Gives the previous choice.
-bool setPixelWideRows(bool enable);
+// True when the rows run through the AVX2 loops; asked once per call. Tests
+// withhold AVX2 through ownPlatformLimitFeatures to run the plain loops, the
+// reference, as well.
+inline bool pixelWideRows() { return (ownPlatformCpuFeatures() & OWN_CPU_AVX2) != 0; }
 
 template <int NS, class Op>
 concept HasVectorForm = (NS == 2 && requires(const Op& op, const __m256i& v) { op.vec(v, v); }) ||
@@ -301,7 +299,7 @@ void plainWalk(const Op& op, const LineArgs& args) {
 template <int NS, class Op>
 void plainWorker(const LineArgs& args) {
     const Op op(args.param);
-    if (pixelWideRows) plainWalk<true, NS>(op, args);
+    if (pixelWideRows()) plainWalk<true, NS>(op, args);
     else plainWalk<false, NS>(op, args);
 }
 
@@ -344,7 +342,7 @@ void maskedWalk(const Op& op, const LineArgs& args) {
 template <int NS, class Op>
 void maskedWorker(const LineArgs& args) {
     const Op op(args.param);
-    if (pixelWideRows) maskedWalk<true, NS>(op, args);
+    if (pixelWideRows()) maskedWalk<true, NS>(op, args);
     else maskedWalk<false, NS>(op, args);
 }
 

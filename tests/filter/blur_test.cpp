@@ -5,7 +5,6 @@
 // sums are exact.
 #include "tests/filter/filter_test.h"
 
-#include "filter/blur.h"
 
 #include <cfenv>
 
@@ -39,7 +38,7 @@ TEST(Blur, RandomCasesMatchPlainSums) {
             double s = 0;
             for (double e : v) s += e;
             return mean(depth, s, nCols * nRows);
-        }, false, ownBlurSelectPath, [&](const KuvImage* s, KuvImage* d) {
+        }, false, vectorPaths, [&](const KuvImage* s, KuvImage* d) {
             std::fesetround(FE_UPWARD);   // the blur sets its own rounding and puts this back
             kuvBlur(s, d, nCols, nRows, ax, ay);
             EXPECT_EQ(std::fegetround(), FE_UPWARD);

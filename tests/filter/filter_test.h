@@ -172,6 +172,10 @@ inline ::testing::AssertionResult sameBytes(const KuvImage* got, const KuvImage*
 // Runs `call` on each worker set (`path`(0), `path`(1); -1 restores the
 // choice), from the same destination each time: no report, the destination
 // as the rule gives it byte for byte, every tile given back.
+// The path switch of checkPair: 0 the plain rows of every family, 1 (and -1,
+// after the call) what the processor has.
+inline void vectorPaths(int k) { ownPlatformLimitFeatures(k == 0 ? 0u : ~0u); }
+
 inline void checkPair(const Pair& p, const Rule& rule, bool clamp, const std::function<void(int)>& path,
                       const std::function<void(const KuvImage*, KuvImage*)>& call) {
     Expected e = expectedOf(p, rule, clamp);

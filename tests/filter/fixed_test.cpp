@@ -107,7 +107,7 @@ TEST(FixedFilter, MatchesKernelTable) {
         SCOPED_TRACE(::testing::Message() << "seed " << seed << ", filter " << id << " " << depthName(depth));
         const int size = kKernels[id].size;
         checkPair(p, [&](const Px& px) { return fixedRef(id, depth, px.window(size, size, size / 2, size / 2)); }, false,
-                  ownNlfSelectPath, [&](const KuvImage* s, KuvImage* d) { EXPECT_EQ(kuvFixedFilter(s, d, id), 0); });
+                  vectorPaths, [&](const KuvImage* s, KuvImage* d) { EXPECT_EQ(kuvFixedFilter(s, d, id), 0); });
     }
 }
 

@@ -108,10 +108,8 @@ TEST(Kernel, ReadBackAndDeleteCheckInOrder) {
     kuvDeleteConvKernel(k);
 }
 
-struct VectorRows {   // runs a block with the vector rows on or off
-    bool saved = ownFilterVectorRows();
-    explicit VectorRows(bool on) { ownSetFilterVectorRows(on); }
-    ~VectorRows() { ownSetFilterVectorRows(saved); }
+struct VectorRows : FeatureLimit {   // runs a block with the vector rows on or off
+    explicit VectorRows(bool on) : FeatureLimit(on ? ~0u : 0u) {}
 };
 
 // Each float and the pixel it must give, per depth; repeated to an odd length,

@@ -62,7 +62,7 @@ TEST(Morph, RandomCasesOnBothWorkerSets) {
         MorphRef ref{Op(rng.uniform(0, 3)), int(rng.uniform(1, 3)), {}};
         const Pair p = randomPair(rng, depth, o);
         SCOPED_TRACE(::testing::Message() << "seed " << seed << " " << kName[ref.op] << " n " << ref.n << " " << depthName(depth));
-        checkPair(p, std::ref(ref), false, kuv::morph::ownMorphSelectPath, [&](const KuvImage* s, KuvImage* d) {
+        checkPair(p, std::ref(ref), false, vectorPaths, [&](const KuvImage* s, KuvImage* d) {
             kuvSetErrStatus(KUV_StsBadArgument);   // cleared on entry
             kFn[ref.op](s, d, ref.n);
             EXPECT_EQ(kuvGetErrStatus(), KUV_StsNoError);

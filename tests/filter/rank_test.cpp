@@ -37,7 +37,7 @@ TEST(RankFilter, MatchesSortedWindow) {
             std::vector<double> v = px.window(nCols, nRows, ax, ay);
             std::sort(v.begin(), v.end());
             return mode == 0 ? v.back() : mode == 1 ? v.front() : v[v.size() >> 1];
-        }, false, ownNlfSelectPath, [&](const KuvImage* s, KuvImage* d) { kFilter[mode](s, d, nCols, nRows, ax, ay); });
+        }, false, vectorPaths, [&](const KuvImage* s, KuvImage* d) { kFilter[mode](s, d, nCols, nRows, ax, ay); });
     }
 }
 

@@ -7,10 +7,6 @@
 #include <cmath>
 #include <functional>
 
-namespace kuv {
-bool setCompareWideWorkers(bool enable);   // internal hook: false selects the plain workers
-}
-
 namespace {
 
 using namespace kuvtest;
@@ -169,7 +165,7 @@ int64_t tileArea(const Subject& s) {
 }
 
 void runRandomCases(bool wideWorkers) {
-    const bool previous = kuv::setCompareWideWorkers(wideWorkers);
+    const FeatureLimit limit(wideWorkers ? ~0u : 0u);
     for (uint64_t seed = 1; seed <= 2400 && !::testing::Test::HasFailure(); ++seed) {
         Rng rng(seed);
         const Op& op = ops[rng.uniform(0, 10)];
@@ -236,7 +232,6 @@ void runRandomCases(bool wideWorkers) {
                 EXPECT_TRUE(t == &res || r.mode != KUV_TILE_WRITE);
         }
     }
-    kuv::setCompareWideWorkers(previous);
 }
 
 TEST(CompareRandom, MatchesReferenceWithWideWorkers) { runRandomCases(true); }

@@ -208,12 +208,14 @@ void runRandomCases(Op op, uint64_t firstSeed, int cases) {
     EXPECT_GT(changed, cases / 2);   // masks and regions empty some cases, not most
 }
 
+// Features allowed on each kernel path: none, all, AVX2 at most.
+constexpr unsigned kPathFeatures[3] = {0u, ~0u, OWN_CPU_AVX2 | OWN_CPU_FMA};
+
 TEST(CopyRandom, CopyOnEveryKernelPath) {
     for (int path : {0, 1, 2}) {   // baseline, the best level, AVX2 at most
-        ownCopySelectPath(path);
+        const FeatureLimit limit(kPathFeatures[path]);
         runRandomCases(Op::Copy, 1000 + path * 5000, 1000);
     }
-    ownCopySelectPath(-1);
 }
 
 TEST(CopyRandom, Exchange) { runRandomCases(Op::Exchange, 50000, 2000); }
@@ -224,7 +226,7 @@ TEST(CopyRandom, Set) { runRandomCases(Op::Set, 80000, 2000); }
 // byte: under AddressSanitizer a read past what the row needs is caught.
 TEST(CopyRandom, ChannelSplitKernelsReadNoBytePastTheRow) {
     for (int path : {0, 1, 2}) {
-        ownCopySelectPath(path);
+        const FeatureLimit limit(kPathFeatures[path]);
         for (int n = 2; n <= 4; ++n)
             for (int width = 1; width <= 100; ++width) {
                 std::vector<char> exact(size_t(n * width * 2));
@@ -245,7 +247,6 @@ TEST(CopyRandom, ChannelSplitKernelsReadNoBytePastTheRow) {
                 src->imageData = nullptr;
             }
     }
-    ownCopySelectPath(-1);
 }
 
 // ------------------------------------------------------------------ refusals
@@ -355,38 +356,89 @@ TEST(CopyTiles, FailedRequestsAndFaultsInAPiece) {
     fillRandom(plain.get(), 33);
     const char *write = "Error get tile to write", *read = "Error get tile to read";
     const struct {
-        int srcTile, dstTile, fail;   // tile sizes (0: untiled); the grid's failed request
-        Want want;
+        int srcTile, dstTile, fail;   // tile widths (0: untiled; 16 high); the grid's failed request
+        std::vector<Want> want;
         std::vector<Req> grid;   // requests of the image whose grid is walked
+        int held;                // tiles left held
     } rows[] = {
-        {0, 16, 2, {KUV_StsFailure, "kuvCopy", write}, {{0, 0, 2}, {0, 0, 4}, {1, 0, 2}}},
-        {16, 0, 1, {KUV_StsFailure, "kuvCopy", read}, {{0, 0, 1}}},
-        {16, 0, 1, {KUV_StsFailure, "kuvExchange", write}, {{0, 0, 2}}},
-        {0, 16, 1, {KUV_StsFailure, "kuvSet", write}, {{0, 0, 2}}},
-        // Both tiled, the source's window cannot be had: the tile goes back unwritten.
-        {16, 8, -1, {KUV_StsBacktrace, "kuvCopy", ""}, {{0, 0, 2}, {0, 0, 4}}},
-        {0, 16, 0, {-5, "kuvCopy", kChannels}, {{0, 0, 2}, {0, 0, 4}, {1, 0, 2}, {1, 0, 4}}},
+        {0, 16, 2, {{KUV_StsFailure, "kuvCopy", write}}, {{0, 0, 2}, {0, 0, 4}, {1, 0, 2}}, 0},
+        {16, 0, 1, {{KUV_StsFailure, "kuvCopy", read}}, {{0, 0, 1}}, 0},
+        {16, 0, 1, {{KUV_StsFailure, "kuvExchange", write}}, {{0, 0, 2}}, 0},
+        {0, 16, 1, {{KUV_StsFailure, "kuvSet", write}}, {{0, 0, 2}}, 0},
+        // Both tiled, the source's window cannot be had: the walk ends at once
+        // and the destination's tile is not released.
+        {16, 8, -1, {{KUV_StsBacktrace, "kuvCopy", ""}}, {{0, 0, 2}}, 1},
+        // A fault inside a piece: the later pieces write nothing, but their
+        // tiles are still requested and released.
+        {0, 16, 0, {{-5, "kuvCopy", kChannels}}, {{0, 0, 2}, {0, 0, 4}, {1, 0, 2}, {1, 0, 4}}, 0},
+        {16, 8, 0, {{-5, "kuvCopy", kChannels}, {KUV_StsBacktrace, "kuvCopy", ""}, {KUV_StsBacktrace, "kuvCopy", ""}, {KUV_StsBacktrace, "kuvCopy", ""}},
+         {{0, 0, 2}, {0, 0, 4}, {1, 0, 2}, {1, 0, 4}, {2, 0, 2}, {2, 0, 4}, {3, 0, 2}, {3, 0, 4}}, 0},
     };
     for (const auto& r : rows) {
-        SCOPED_TRACE(::testing::Message() << r.want.func << " " << r.want.context);
+        SCOPED_TRACE(::testing::Message() << r.want[0].func << " " << r.want[0].context << " " << r.srcTile);
         ImagePtr dstPlain = makeImage(KUV_DEPTH_8U, r.fail ? 1 : 3, 32, 16);
-        TileStore src(r.srcTile ? copyImage(plain.get()) : nullptr, r.srcTile, r.srcTile);
-        TileStore dst(r.dstTile ? copyImage(dstPlain.get()) : nullptr, r.dstTile, r.dstTile);
+        TileStore src(r.srcTile ? copyImage(r.fail ? plain.get() : four.get()) : nullptr, r.srcTile, r.srcTile);
+        TileStore dst(r.dstTile ? copyImage(dstPlain.get()) : nullptr, r.dstTile, 16);
         (r.fail < 0 || !r.dstTile ? src : dst).failRequest(std::abs(r.fail));
         KuvImage* s = r.srcTile ? src.image() : r.fail ? plain.get() : four.get();
         KuvImage* d = r.dstTile ? dst.image() : dstPlain.get();
-        const char op = r.want.func[3];
+        const char op = r.want[0].func[3];
         expectRefused(r.dstTile ? nullptr : d, nullptr,
                       [&] {
                           op == 'C' ? kuvCopy(s, d) : op == 'E' ? kuvExchange(s, d) : kuvSet(d, 5);
                       },
-                      {r.want});
+                      r.want);
         EXPECT_EQ((r.dstTile ? dst : src).log(), r.grid);
-        EXPECT_EQ(src.held() + dst.held(), 0);
+        EXPECT_EQ(src.held() + dst.held(), r.held);
         if (r.dstTile) {   // what the first piece wrote stays; the rest is untouched
             EXPECT_EQ(get(dst.backing(), 15, 15, 0), r.fail == 2 ? get(plain.get(), 15, 15, 0) : 0);
             EXPECT_EQ(get(dst.backing(), 16, 0, 0), 0.0);
         }
+    }
+}
+
+}   // namespace
+
+namespace {
+
+// A piece's working header keeps the image's imageSize, so a tiled image
+// whose imageSize is 0 fails the header check of every piece (which comes
+// before the stop on a negative status); every tile still goes back.
+TEST(CopyTiles, PiecesKeepTheImageSize) {
+    ImagePtr plain = makeImage(KUV_DEPTH_8U, 1, 32, 16);
+    fillRandom(plain.get(), 3);
+    TileStore dst(makeLike(plain.get()), 16, 16);
+    dst.image()->imageSize = 0;
+    ReportCapture capture;
+    kuvCopy(plain.get(), dst.image());
+    ASSERT_EQ(capture.count(), 2u);
+    for (const Report& r : capture.reports()) EXPECT_TRUE(isReport(r, KUV_StsBadImageSize, "kuvCopy", "Incorrect Image", "kuvsce"));
+    EXPECT_EQ(dst.log(), (std::vector<Req>{{0, 0, 2}, {0, 0, 4}, {1, 0, 2}, {1, 0, 4}}));
+    EXPECT_EQ(get(dst.backing(), 3, 3, 0), 0.0);
+}
+
+// Two records on one buffer, the destination one pixel to the right: every
+// path copies top row first and left to right with no guard, so the first
+// pixel of each row runs along it.
+TEST(CopyOverlap, LeftToRightOnEveryPath) {
+    for (int coi : {0, 2}) {
+        SCOPED_TRACE(::testing::Message() << "coi " << coi);
+        ImagePtr buffer = makeImage(KUV_DEPTH_8U, 3, 12, 3);
+        fillRandom(buffer.get(), 9);
+        ImagePtr want = copyImage(buffer.get());
+        ImagePtr src(kuvCreateImageHeader(3, 0, KUV_DEPTH_8U, "RGB", "BGR", 0, 0, 4, 11, 3, nullptr, nullptr, 0, nullptr));
+        ImagePtr dst(kuvCreateImageHeader(3, 0, KUV_DEPTH_8U, "RGB", "BGR", 0, 0, 4, 11, 3, nullptr, nullptr, 0, nullptr));
+        for (KuvImage* im : {src.get(), dst.get()}) im->widthStep = buffer->widthStep, im->imageSize = buffer->imageSize;
+        src->imageData = buffer->imageData, dst->imageData = buffer->imageData + 3;
+        if (coi) setRoi(src.get(), coi, 0, 0, 11, 3), setRoi(dst.get(), coi, 0, 0, 11, 3);
+        for (int y = 0; y < 3; ++y)
+            for (int x = 0; x < 11; ++x)
+                for (int c = coi ? coi - 1 : 0; c < (coi ? coi : 3); ++c) put(want.get(), x + 1, y, c, get(want.get(), x, y, c));
+        ReportCapture capture;
+        kuvCopy(src.get(), dst.get());
+        EXPECT_EQ(capture.count(), 0u);
+        EXPECT_TRUE(sameBytes(buffer.get(), want.get()));
+        src->imageData = dst->imageData = nullptr;
     }
 }
 

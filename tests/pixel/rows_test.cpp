@@ -6,10 +6,7 @@
 #include <vector>
 
 #include "kuv.h"
-
-namespace kuv {
-bool setPixelWideRows(bool enable);   // internal hook: false selects the plain rows
-}
+#include "tests/support/kuv_test.h"
 
 namespace {
 
@@ -98,10 +95,11 @@ TEST(PixelRows, WideRowsGiveThePlainRowsResults) {
                     if (wide == 0) canary.assign(d[0]->imageData, d[0]->imageData + d[0]->imageSize);
                     else std::memcpy(d[1]->imageData, canary.data(), canary.size());
                     d[wide]->maskROI = m;
-                    const bool previous = kuv::setPixelWideRows(wide != 0);
-                    kuvSetErrStatus(KUV_StsNoError);
-                    c.call(a, b, d[wide]);
-                    kuv::setPixelWideRows(previous);
+                    {
+                        const kuvtest::FeatureLimit limit(wide != 0 ? ~0u : 0u);
+                        kuvSetErrStatus(KUV_StsNoError);
+                        c.call(a, b, d[wide]);
+                    }
                     EXPECT_EQ(kuvGetErrStatus(), KUV_StsNoError);
                     d[wide]->maskROI = nullptr;
                 }

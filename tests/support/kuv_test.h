@@ -10,6 +10,7 @@
 #ifndef KUV_TESTS_SUPPORT_KUV_TEST_H
 #define KUV_TESTS_SUPPORT_KUV_TEST_H
 
+#include "core/platform.h"
 #include "kuv.h"
 
 #include <gtest/gtest.h>
@@ -169,6 +170,20 @@ private:
     int32_t previousMode_;
     std::vector<Report>* previousSink_;
     std::vector<Report> sink_;
+};
+
+// Limits the processor features the library's dispatchers see for the life of
+// the object: 0 runs every family's plain rows, the reference for the vector
+// ones. Puts the previous limit back.
+class FeatureLimit {
+public:
+    explicit FeatureLimit(unsigned allowed) : previous_(ownPlatformLimitFeatures(allowed)) {}
+    ~FeatureLimit() { ownPlatformLimitFeatures(previous_); }
+    FeatureLimit(const FeatureLimit&) = delete;
+    FeatureLimit& operator=(const FeatureLimit&) = delete;
+
+private:
+    unsigned previous_;
 };
 
 // The report has these status, function, context and file texts (line not compared).
