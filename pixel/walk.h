@@ -296,10 +296,39 @@ void plainWalk(const Op& op, const LineArgs& args) {
     }
 }
 
+// Whether the AVX2 rows give the order the plain rows give. They read ahead
+// of what they write, so a destination that shares memory with a source at
+// another place (two records on one buffer, or one record with another
+// region) takes the plain rows, which go element by element from the top.
+// The same record, or one of the same layout and region, is element for
+// element in place and safe.
+inline bool sameSpot(const KuvImage* a, const KuvImage* d) {
+    if (a == d) return true;
+    const auto at = [](const KuvImage* im) { return reinterpret_cast<uintptr_t>(im->imageData); };
+    if (at(a) + uintptr_t(a->imageSize) <= at(d) || at(d) + uintptr_t(d->imageSize) <= at(a)) {
+        return true;
+    }
+    const KuvROI none{};
+    const KuvROI& ra = a->roi != nullptr ? *a->roi : none;
+    const KuvROI& rd = d->roi != nullptr ? *d->roi : none;
+    return a->imageData == d->imageData && a->widthStep == d->widthStep &&
+           a->depth == d->depth && a->nChannels == d->nChannels &&
+           a->dataOrder == d->dataOrder && ra.xOffset == rd.xOffset &&
+           ra.yOffset == rd.yOffset;
+}
+
+inline bool wideRowsFor(const LineArgs& args, int ns) {
+    if (!pixelWideRows()) return false;
+    for (int i = 0; i < ns; ++i) {
+        if (!sameSpot(args.src[i], args.dst)) return false;
+    }
+    return true;
+}
+
 template <int NS, class Op>
 void plainWorker(const LineArgs& args) {
     const Op op(args.param);
-    if (pixelWideRows()) plainWalk<true, NS>(op, args);
+    if (wideRowsFor(args, NS)) plainWalk<true, NS>(op, args);
     else plainWalk<false, NS>(op, args);
 }
 
@@ -342,7 +371,7 @@ void maskedWalk(const Op& op, const LineArgs& args) {
 template <int NS, class Op>
 void maskedWorker(const LineArgs& args) {
     const Op op(args.param);
-    if (pixelWideRows()) maskedWalk<true, NS>(op, args);
+    if (wideRowsFor(args, NS)) maskedWalk<true, NS>(op, args);
     else maskedWalk<false, NS>(op, args);
 }
 

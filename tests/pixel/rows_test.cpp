@@ -113,3 +113,33 @@ TEST(PixelRows, WideRowsGiveThePlainRowsResults) {
 }
 
 }  // namespace
+
+namespace {
+
+// Two records on one buffer, the destination's region one pixel to the right
+// of a source's: every processor gives the order of the plain rows, element
+// by element from the top, so each sum feeds the next.
+TEST(PixelRows, ShiftedOverlapGoesElementByElement) {
+    for (const bool masked : {false, true}) {
+        SCOPED_TRACE(masked ? "masked" : "plain");
+        KuvImage* a = kuvCreateImageHeader(1, 0, KUV_DEPTH_8U, "G", "G", KUV_DATA_ORDER_PIXEL, KUV_ORIGIN_TOP_LEFT, 4, 64, 2,
+                                           nullptr, nullptr, 0, nullptr);
+        kuvAllocateImage(a, 1, 1);
+        KuvImage b = *a;
+        KuvROI right{0, 1, 0, 63, 2};
+        b.roi = &right;
+        KuvImage* m = masked ? randomMask(64, 2) : nullptr;
+        if (m != nullptr) std::memset(m->imageData, 0xFF, size_t(m->imageSize));
+        b.maskROI = m;
+        kuvSetErrStatus(KUV_StsNoError);
+        kuvAdd(a, a, &b);   // b(x+1) = a(x) + a(x), with a(x) already written for x >= 1
+        EXPECT_EQ(kuvGetErrStatus(), KUV_StsNoError);
+        for (int y = 0; y < 2; ++y)
+            for (int x = 0; x < 64; ++x)
+                EXPECT_EQ(uint8_t(a->imageData[y * a->widthStep + x]), x < 8 ? 1 << x : 255) << x << "," << y;
+        if (m != nullptr) kuvDeallocate(m, KUV_IMAGE_ALL);
+        kuvDeallocate(a, KUV_IMAGE_ALL);
+    }
+}
+
+}  // namespace
